@@ -1,0 +1,4 @@
+#include "protocol/log.h"
+
+std::atomic<ILog*> logger{nullptr};
+std::mutex ll;
