@@ -158,3 +158,21 @@ std::string GetSystemTimeRfc3339() {
                         utc.tm_min, utc.tm_sec, millis);
   return Bounded(buf, n, sizeof buf);
 }
+
+std::string convert_last_modified_to_rfc3339(std::string s) {
+  // Zeroed so that a text approxidate cannot read still prints fixed fields.
+  tm fields{};
+  approxidate(s.c_str(), &fields);
+  // 16-bit fields, as servers have always been sent them; the casts give the
+  // same value that %hu makes of an int.
+  char buf[32];
+  std::memset(buf, 0, sizeof buf);
+  int n = std::snprintf(buf, sizeof buf, "%04hu-%02hu-%02huT%02hu:%02hu:%02hu.%03huZ",
+                        static_cast<unsigned short>(static_cast<unsigned>(fields.tm_year) + 1900u),
+                        static_cast<unsigned short>(static_cast<unsigned>(fields.tm_mon) + 1u),
+                        static_cast<unsigned short>(fields.tm_mday),
+                        static_cast<unsigned short>(fields.tm_hour),
+                        static_cast<unsigned short>(fields.tm_min),
+                        static_cast<unsigned short>(fields.tm_sec), static_cast<unsigned short>(0));
+  return Bounded(buf, n, sizeof buf);
+}
