@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/time.h>
 #include <climits>
 #include <cstring>
+
 #include <sstream>
 #include <string>
 
@@ -134,4 +136,196 @@ TEST(RFC3339ToTM, NoMatchGivesMktimeOfYearMinus1900) {
   expected.tm_mday = 0;
   EXPECT_EQ(RFC3339ToTM("garbage"), mktime(&expected));
   EXPECT_EQ(RFC3339ToTM(""), mktime(&expected));
+}
+
+// ---- TimeToRFC3339 and its twins ----------------------------------------------------------
+
+TEST(TimeToRFC3339, GivesUtcFieldsInEveryZone) {
+  for (char const* zone :
+       {timetest::kUtc, timetest::kEast8, timetest::kParis, timetest::kNewYork}) {
+    TzGuard tz(zone);
+    EXPECT_EQ(TimeToRFC3339(1704110400), "2024-01-01T12:00:00.000Z") << zone;
+    EXPECT_EQ(TimeToUTCRFC3339(1704110400), "2024-01-01T12:00:00.000Z") << zone;
+    EXPECT_EQ(NoAdjustOffsetForServerTime(1704110400), "2024-01-01T12:00:00.000Z") << zone;
+    EXPECT_EQ(TimeToRFC3339(1719835200), "2024-07-01T12:00:00.000Z") << zone;
+  }
+}
+
+TEST(TimeToRFC3339, EpochAndBeforeEpoch) {
+  TzGuard tz(timetest::kUtc);
+  EXPECT_EQ(TimeToRFC3339(0), "1970-01-01T00:00:00.000Z");
+  EXPECT_EQ(TimeToRFC3339(-1), "1969-12-31T23:59:59.000Z");
+}
+
+// ---- AdjustOffsetForServerTime ----------------------------------------------------------------
+
+TEST(AdjustOffsetForServerTime, UtcIsIdentity) {
+  TzGuard tz(timetest::kUtc);
+  EXPECT_EQ(AdjustOffsetForServerTime(1704110400), "2024-01-01T12:00:00.000Z");
+}
+
+TEST(AdjustOffsetForServerTime, East8AddsEightHours) {
+  TzGuard tz(timetest::kEast8);
+  EXPECT_EQ(AdjustOffsetForServerTime(1704110400), "2024-01-01T20:00:00.000Z");
+}
+
+TEST(AdjustOffsetForServerTime, SummerZoneUsesTheStandardOffsetInBothSeasons) {
+  TzGuard tz(timetest::kParis);
+  EXPECT_EQ(AdjustOffsetForServerTime(1704110400), "2024-01-01T13:00:00.000Z");
+  EXPECT_EQ(AdjustOffsetForServerTime(1719835200), "2024-07-01T13:00:00.000Z");
+}
+
+TEST(AdjustOffsetForServerTime, WestOfUtcSubtracts) {
+  TzGuard tz(timetest::kNewYork);
+  EXPECT_EQ(AdjustOffsetForServerTime(1704110400), "2024-01-01T07:00:00.000Z");
+  EXPECT_EQ(AdjustOffsetForServerTime(1719835200), "2024-07-01T07:00:00.000Z");
+}
+
+// ---- AdjustServerTimeOffset ---------------------------------------------------------------------
+
+TEST(AdjustServerTimeOffset, UtcIsIdentity) {
+  TzGuard tz(timetest::kUtc);
+  EXPECT_EQ(AdjustServerTimeOffset("2024-01-01T12:00:00"), "2024-01-01T12:00:00.000Z");
+  EXPECT_EQ(AdjustServerTimeOffset("2024-01-01T12:00:00.000Z"), "2024-01-01T12:00:00.000Z");
+}
+
+TEST(AdjustServerTimeOffset, East8ShiftsTwiceTheOffset) {
+  TzGuard tz(timetest::kEast8);
+  // Read as local (04:00Z) and then eight more hours off: 16 hours in all.
+  EXPECT_EQ(AdjustServerTimeOffset("2024-01-01T12:00:00"), "2023-12-31T20:00:00.000Z");
+}
+
+TEST(AdjustServerTimeOffset, SummerZoneReadsStandardTime) {
+  TzGuard tz(timetest::kParis);
+  EXPECT_EQ(AdjustServerTimeOffset("2024-01-01T12:00:00"), "2024-01-01T10:00:00.000Z");
+  EXPECT_EQ(AdjustServerTimeOffset("2024-07-01T12:00:00"), "2024-07-01T10:00:00.000Z");
+}
+
+TEST(AdjustServerTimeOffset, WestOfUtcShiftsTheOtherWay) {
+  TzGuard tz(timetest::kNewYork);
+  EXPECT_EQ(AdjustServerTimeOffset("2024-01-01T12:00:00"), "2024-01-01T22:00:00.000Z");
+}
+
+TEST(AdjustServerTimeOffset, UnmatchedFieldsStayZero) {
+  TzGuard tz(timetest::kUtc);
+  EXPECT_EQ(AdjustServerTimeOffset("2024-03-05"), "2024-03-05T00:00:00.000Z");
+}
+
+TEST(NoAdjustServerTimeOffset, ReturnsItsArgument) {
+  EXPECT_EQ(NoAdjustServerTimeOffset("2024-01-01T12:00:00"), "2024-01-01T12:00:00");
+  EXPECT_EQ(NoAdjustServerTimeOffset(""), "");
+  EXPECT_EQ(NoAdjustServerTimeOffset("not a date"), "not a date");
+}
+
+TEST(LocalStandardOffset, IsTheStandardOffsetWhateverTheSeason) {
+  {
+    TzGuard tz(timetest::kUtc);
+    EXPECT_EQ(LocalStandardOffset(1719835200), 0);
+  }
+  {
+    TzGuard tz(timetest::kEast8);
+    EXPECT_EQ(LocalStandardOffset(1704110400), 28800);
+  }
+  {
+    TzGuard tz(timetest::kParis);
+    EXPECT_EQ(LocalStandardOffset(1704110400), 3600);
+    EXPECT_EQ(LocalStandardOffset(1719835200), 3600);
+  }
+  {
+    TzGuard tz(timetest::kNewYork);
+    EXPECT_EQ(LocalStandardOffset(1719835200), -18000);
+  }
+}
+
+// ---- TMToUTCRFC3339 ---------------------------------------------------------------------
+
+TEST(TMToUTCRFC3339, NormalisesTheCallersStructure) {
+  TzGuard tz(timetest::kUtc);
+  tm t = Fields(2024, 1, 32, 12, 0, 0);
+  EXPECT_EQ(TMToUTCRFC3339(&t), "2024-02-01T12:00:00.000Z");
+  EXPECT_EQ(t.tm_mon, 1);
+  EXPECT_EQ(t.tm_mday, 1);
+  EXPECT_EQ(t.tm_yday, 31);  // derived fields are set too
+  EXPECT_EQ(t.tm_wday, 4);
+}
+
+TEST(TMToUTCRFC3339, TreatsFieldsAsLocalTime) {
+  {
+    TzGuard tz(timetest::kEast8);
+    tm t = Fields(2024, 1, 1, 12, 0, 0);
+    EXPECT_EQ(TMToUTCRFC3339(&t), "2024-01-01T04:00:00.000Z");
+  }
+  {
+    TzGuard tz(timetest::kParis);
+    tm t = Fields(2024, 7, 1, 12, 0, 0);  // tm_isdst -1: summer time applies
+    EXPECT_EQ(TMToUTCRFC3339(&t), "2024-07-01T10:00:00.000Z");
+    EXPECT_EQ(t.tm_isdst, 1);
+  }
+  {
+    TzGuard tz(timetest::kNewYork);
+    tm t = Fields(2024, 1, 1, 12, 0, 0);
+    EXPECT_EQ(TMToUTCRFC3339(&t), "2024-01-01T17:00:00.000Z");
+  }
+}
+
+// ---- parse8601 and RFC3339ToLocalTM ---------------------------------------------------------
+
+TEST(Parse8601, AcceptsZuluAndFractions) {
+  TzGuard tz(timetest::kEast8);  // the result never depends on the local zone
+  EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00Z")), 1704110400);
+  EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00.250Z")), 1704110400);
+  EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00.999999Z")), 1704110400);
+}
+
+TEST(Parse8601, AppliesNumericOffsets) {
+  TzGuard tz(timetest::kNewYork);
+  EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00+01:00")), 1704106800);
+  EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00-05:30")), 1704110400 + 19800);
+  EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00.5+00:00")), 1704110400);
+}
+
+TEST(Parse8601, OtherTextGivesZero) {
+  EXPECT_EQ(parse8601(std::istringstream("2024-01-01 12:00:00")), 0);  // word ends at the blank
+  EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00")), 0);  // no zone
+  EXPECT_EQ(parse8601(std::istringstream("")), 0);
+  EXPECT_EQ(parse8601(std::istringstream("yesterday")), 0);
+}
+
+TEST(Parse8601, ReadsOneWhitespaceDelimitedWord) {
+  EXPECT_EQ(parse8601(std::istringstream("   2024-01-01T12:00:00Z trailing words")), 1704110400);
+  std::istringstream in("2024-01-01T12:00:00Z 2024-01-01T13:00:00Z");
+  EXPECT_EQ(parse8601(std::move(in)), 1704110400);
+  EXPECT_EQ(parse8601(std::move(in)), 1704114000);  // the stream moved on by one word
+}
+
+TEST(RFC3339ToLocalTM, IsParse8601OfTheText) {
+  TzGuard tz(timetest::kParis);
+  EXPECT_EQ(RFC3339ToLocalTM("2024-01-01T12:00:00Z"), 1704110400);
+  EXPECT_EQ(RFC3339ToLocalTM("2024-01-01T12:00:00.250Z"), 1704110400);
+  EXPECT_EQ(RFC3339ToLocalTM("2024-01-01T12:00:00+01:00"), 1704106800);
+  EXPECT_EQ(RFC3339ToLocalTM("2024-01-01 12:00:00"), 0);
+  EXPECT_EQ(RFC3339ToLocalTM("2024-01-01T12:00:00"), 0);
+  EXPECT_EQ(RFC3339ToLocalTM(""), 0);
+}
+
+// ---- GetSystemTimeRfc3339 ----------------------------------------------------------------------
+
+TEST(GetSystemTimeRfc3339, TwentyThreeCharactersWithoutZ) {
+  TzGuard tz(timetest::kEast8);
+  timeval before{};
+  gettimeofday(&before, nullptr);
+  std::string s = GetSystemTimeRfc3339();
+  timeval after{};
+  gettimeofday(&after, nullptr);
+  ASSERT_EQ(s.size(), 23u) << s;
+  EXPECT_EQ(s.find('Z'), std::string::npos);
+  EXPECT_EQ(s[4], '-');
+  EXPECT_EQ(s[10], 'T');
+  EXPECT_EQ(s[19], '.');
+  // UTC fields: the seconds part reads back to a time between the two clocks.
+  tm fields{};
+  ASSERT_NE(strptime(s.c_str(), "%Y-%m-%dT%H:%M:%S", &fields), nullptr);
+  time_t t = timegm(&fields);
+  EXPECT_GE(t, before.tv_sec);
+  EXPECT_LE(t, after.tv_sec);
 }
