@@ -1,0 +1,58 @@
+#include "host/paths.h"
+
+#include <vector>
+
+namespace plughost {
+
+std::optional<std::string> NormalizeUserPath(std::string_view path) {
+  std::vector<std::string_view> segments;
+  size_t pos = 0;
+  while (pos <= path.size()) {
+    size_t end = path.find('/', pos);
+    if (end == std::string_view::npos) end = path.size();
+    std::string_view segment = path.substr(pos, end - pos);
+    pos = end + 1;
+    if (segment.empty() || segment == ".") continue;
+    if (segment == "..") {
+      if (segments.empty()) return std::nullopt;
+      segments.pop_back();
+      continue;
+    }
+    segments.push_back(segment);
+  }
+  std::string out;
+  for (std::string_view segment : segments) {
+    if (!out.empty()) out += '/';
+    out += segment;
+  }
+  return out;
+}
+
+std::string JoinProtocolPath(const std::string& root_id, const std::string& relative) {
+  if (relative.empty()) return root_id;
+  std::string out = root_id;
+  if (out.empty() || out.back() != '/') out += '/';
+  out += relative;
+  return out;
+}
+
+std::string DisplayPath(const std::string& relative) {
+  return "/" + relative;
+}
+
+std::string BaseName(const std::string& relative) {
+  size_t slash = relative.rfind('/');
+  return slash == std::string::npos ? relative : relative.substr(slash + 1);
+}
+
+std::string DirName(const std::string& relative) {
+  size_t slash = relative.rfind('/');
+  return slash == std::string::npos ? std::string() : relative.substr(0, slash);
+}
+
+bool IsPlainName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
+         name.find('\0') == std::string_view::npos;
+}
+
+}  // namespace plughost
