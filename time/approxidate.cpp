@@ -112,9 +112,11 @@ bool ReadDecimal(char const* s, char const** end, bool* negative, unsigned long*
   }
   unsigned long value = 0;
   bool over = false;
+  unsigned long const max_tens = limit / 10;
+  unsigned const max_last = static_cast<unsigned>(limit % 10);
   for (; sane_isdigit(static_cast<unsigned char>(*p)); ++p) {
     unsigned digit = static_cast<unsigned>(*p - '0');
-    if (over || value > (limit - digit) / 10) {
+    if (over || value > max_tens || (value == max_tens && digit > max_last)) {
       over = true;
       continue;
     }
@@ -126,9 +128,27 @@ bool ReadDecimal(char const* s, char const** end, bool* negative, unsigned long*
   return true;
 }
 
+// The common case: a plain run of at most 18 digits, which cannot overflow
+// either type. Returns false (nothing consumed) for anything else.
+inline bool ReadShortDigits(char const* s, char const** end, unsigned long* value) {
+  char const* p = s;
+  unsigned long v = 0;
+  while (sane_isdigit(static_cast<unsigned char>(*p))) {
+    if (p - s == 18) return false;
+    v = v * 10 + static_cast<unsigned>(*p - '0');
+    ++p;
+  }
+  if (p == s) return false;
+  *end = p;
+  *value = v;
+  return true;
+}
+
 }  // namespace
 
 unsigned long read_unsigned(char const* s, char const** end) {
+  unsigned long fast = 0;
+  if (ReadShortDigits(s, end, &fast)) return fast;
   bool negative = false;
   bool overflow = false;
   unsigned long value = 0;
@@ -138,6 +158,8 @@ unsigned long read_unsigned(char const* s, char const** end) {
 }
 
 long read_signed(char const* s, char const** end) {
+  unsigned long fast = 0;
+  if (ReadShortDigits(s, end, &fast)) return static_cast<long>(fast);
   bool negative = false;
   bool overflow = false;
   unsigned long value = 0;
@@ -155,6 +177,11 @@ long read_signed(char const* s, char const** end) {
 // ---- word matching ------------------------------------------------------------
 
 int match_word_prefix(char const* date, char const* word) {
+  // Fast path for the common miss: a letter or digit that differs at once.
+  unsigned char first = static_cast<unsigned char>(date[0]);
+  if (sane_isalnum(first) &&
+      sane_toupper(first) != sane_toupper(static_cast<unsigned char>(word[0])))
+    return 0;
   int i = 0;
   for (; date[i]; ++i) {
     unsigned char a = static_cast<unsigned char>(date[i]);
@@ -185,6 +212,43 @@ time_t tm_to_time_t(atm const* tm) {
   uint32_t minutes = days * 24u * 60u + static_cast<uint32_t>(tm->tm_hour) * 60u +
                      static_cast<uint32_t>(tm->tm_min);
   return static_cast<time_t>(static_cast<int32_t>(minutes)) * 60 + tm->tm_sec;
+}
+
+struct tm* utc_breakdown(time_t t, struct tm* out) {
+  // Civil date of a day count (proleptic Gregorian), as gmtime_r gives it,
+  // but without the C library's time-zone lock: this runs once per date read.
+  int64_t days = t / 86400;
+  int64_t secs = t % 86400;
+  if (secs < 0) {
+    secs += 86400;
+    days -= 1;
+  }
+  int64_t const z = days + 719468;
+  int64_t const era = (z >= 0 ? z : z - 146096) / 146097;
+  int64_t const doe = z - era * 146097;
+  int64_t const yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  int64_t const doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  int64_t const mp = (5 * doy + 2) / 153;
+  int64_t const mday = doy - (153 * mp + 2) / 5 + 1;
+  int64_t const mon = mp < 10 ? mp + 3 : mp - 9;
+  int64_t const year = yoe + era * 400 + (mon <= 2);
+  if (year - 1900 > INT_MAX || year - 1900 < INT_MIN) return nullptr;  // as gmtime_r fails
+  bool const leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+  static int const before[] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+
+  *out = tm{};
+  out->tm_year = static_cast<int>(year - 1900);
+  out->tm_mon = static_cast<int>(mon - 1);
+  out->tm_mday = static_cast<int>(mday);
+  out->tm_yday = before[mon - 1] + static_cast<int>(mday) - 1 + (leap && mon > 2 ? 1 : 0);
+  int64_t wday = (days + 4) % 7;  // 1970-01-01 was a Thursday
+  out->tm_wday = static_cast<int>(wday < 0 ? wday + 7 : wday);
+  out->tm_hour = static_cast<int>(secs / 3600);
+  out->tm_min = static_cast<int>(secs / 60 % 60);
+  out->tm_sec = static_cast<int>(secs % 60);
+  out->tm_isdst = 0;
+  out->tm_zone = "GMT";
+  return out;
 }
 
 int check_date_candidate(int year, int month, int day, tm const* now_tm, time_t now, atm* tm) {
@@ -261,7 +325,7 @@ int match_multi_number(unsigned long num, char c, char const* date, char const* 
     case '.': {
       time_t now = time(nullptr);
       struct tm now_buf {};
-      struct tm const* now_tm = gmtime_r(&now, &now_buf);
+      struct tm const* now_tm = utc_breakdown(now, &now_buf);
       int const n1 = static_cast<int>(num);
       int const n2 = static_cast<int>(num2);
       int const n3 = static_cast<int>(num3);
@@ -284,22 +348,56 @@ int match_multi_number(unsigned long num, char c, char const* date, char const* 
 
 // ---- parse_date_basic tokens --------------------------------------------------------
 
+namespace {
+
+// For each letter, the rows of each table whose word starts with it, as bit
+// masks in table order. A row whose first letter differs can never match, so
+// visiting only these rows, lowest bit first, gives the same first match.
+struct LetterRows {
+  uint16_t months[26];
+  uint8_t weekdays[26];
+  uint64_t zones[26];
+};
+
+int LetterIndex(char c) {
+  return sane_toupper(static_cast<unsigned char>(c)) - 'A';
+}
+
+LetterRows MakeLetterRows() {
+  LetterRows rows{};
+  for (int i = 0; i < 12; ++i)
+    rows.months[LetterIndex(month_names[i][0])] |= uint16_t(1u << i);
+  for (int i = 0; i < 7; ++i)
+    rows.weekdays[LetterIndex(weekday_names[i][0])] |= uint8_t(1u << i);
+  for (int i = 0; i < 44; ++i)
+    rows.zones[LetterIndex(timezone_names[i].name[0])] |= 1ull << i;
+  return rows;
+}
+
+LetterRows const kLetterRows = MakeLetterRows();
+
+}  // namespace
+
 int match_alpha(char const* date, atm* tm, int* offset) {
-  for (int i = 0; i < 12; ++i) {
+  int const letter = LetterIndex(date[0]);  // date[0] is a letter here
+  for (unsigned m = kLetterRows.months[letter]; m; m &= m - 1) {
+    int i = __builtin_ctz(m);
     int match = match_word_prefix(date, month_names[i]);
     if (match >= 3) {
       tm->tm_mon = i;
       return match;
     }
   }
-  for (int i = 0; i < 7; ++i) {
+  for (unsigned m = kLetterRows.weekdays[letter]; m; m &= m - 1) {
+    int i = __builtin_ctz(m);
     int match = match_word_prefix(date, weekday_names[i]);
     if (match >= 3) {
       tm->tm_wday = i;
       return match;
     }
   }
-  for (zone_name const& zone : timezone_names) {
+  for (uint64_t m = kLetterRows.zones[letter]; m; m &= m - 1) {
+    zone_name const& zone = timezone_names[__builtin_ctzll(m)];
     int match = match_word_prefix(date, zone.name);
     if (match >= 3 || match == zone.length) {
       // A numeric offset seen earlier is better than a zone name.

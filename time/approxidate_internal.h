@@ -62,6 +62,10 @@ int match_word_prefix(char const* date, char const* word);
 // no valid month or an unknown time of day.
 time_t tm_to_time_t(atm const* tm);
 
+// The UTC breakdown of t, the same fields as gmtime_r gives, or null where
+// gmtime_r fails (a year outside int).
+tm* utc_breakdown(time_t t, tm* out);
+
 // 1 when year/month/day is a plausible reading (and is stored in *tm), 0
 // otherwise. now_tm may be null when the current time could not be broken down.
 int check_date_candidate(int year, int month, int day, tm const* now_tm, time_t now, atm* tm);

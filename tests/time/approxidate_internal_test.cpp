@@ -826,3 +826,39 @@ TEST(SpecialHandlers, NoonMidnightTea) {
   EXPECT_EQ(r.tm_mday, -1);
   EXPECT_EQ(r.tm_hour, 17);
 }
+
+TEST(UtcBreakdown, AgreesWithGmtime) {
+  auto same = [](time_t t) {
+    tm ours{};
+    tm libc{};
+    ASSERT_NE(utc_breakdown(t, &ours), nullptr) << t;
+    ASSERT_NE(gmtime_r(&t, &libc), nullptr) << t;
+    EXPECT_EQ(ours.tm_year, libc.tm_year) << t;
+    EXPECT_EQ(ours.tm_mon, libc.tm_mon) << t;
+    EXPECT_EQ(ours.tm_mday, libc.tm_mday) << t;
+    EXPECT_EQ(ours.tm_hour, libc.tm_hour) << t;
+    EXPECT_EQ(ours.tm_min, libc.tm_min) << t;
+    EXPECT_EQ(ours.tm_sec, libc.tm_sec) << t;
+    EXPECT_EQ(ours.tm_wday, libc.tm_wday) << t;
+    EXPECT_EQ(ours.tm_yday, libc.tm_yday) << t;
+    EXPECT_EQ(ours.tm_isdst, libc.tm_isdst) << t;
+  };
+  for (time_t t : {time_t{0}, time_t{-1}, time_t{86399}, time_t{951782400}, time_t{951868800},
+                   time_t{4107542400}, time_t{-62135596800}, time_t{253402300799},
+                   time_t{-2208988800}, time_t{67767976233532799}})
+    same(t);
+  // A walk over four centuries in steps that hit every time of day.
+  for (time_t t = -6311433600; t < 6311433600; t += 7654321)
+    same(t);
+  for (time_t t = -4000; t < 4000; ++t)
+    same(t);
+}
+
+TEST(UtcBreakdown, FailsWhereGmtimeFails) {
+  tm out{};
+  time_t huge = static_cast<time_t>(1) << 62;
+  EXPECT_EQ(gmtime_r(&huge, &out), nullptr);
+  EXPECT_EQ(utc_breakdown(huge, &out), nullptr);
+  time_t tiny = -huge;
+  EXPECT_EQ(utc_breakdown(tiny, &out), nullptr);
+}
