@@ -19,6 +19,7 @@
 #include <ctime>
 #include <filesystem>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <sstream>
@@ -31,6 +32,9 @@
 
 #include "host/adapters.h"
 #include "host/client.h"
+#ifdef PLUGHOST_WITH_MOUNT
+#include "host/mount.h"
+#endif
 #include "host/paths.h"
 #include "host/plugin.h"
 #include "host/progress.h"
@@ -806,11 +810,12 @@ int main(int argc, char** argv) {
 
   auto* cat = app.add_subcommand("cat", "Write a file (or a byte range of it) to stdout");
   cat->add_option("path", path, "File to read")->required()->type_name("PATH");
+  const CLI::Range non_negative(0LL, std::numeric_limits<long long>::max());
   cat->add_option("--offset", offset, "First byte to write (default 0)")
-      ->check(CLI::NonNegativeNumber)
+      ->check(non_negative)
       ->type_name("N");
   auto* length_opt = cat->add_option("--length", length, "Number of bytes (default: to the end)")
-                         ->check(CLI::NonNegativeNumber)
+                         ->check(non_negative)
                          ->type_name("N");
   cat->callback([&] {
     run = [&](Session& s) {
@@ -897,12 +902,24 @@ int main(int argc, char** argv) {
   app.add_subcommand("info", "Show the plug-in: type, features, root identifier, pid, auth type")
       ->callback([&] { run = [](Session& s) { return CmdInfo(s); }; });
 
+#ifdef PLUGHOST_WITH_MOUNT
+  plughost::MountCommands mount_commands;
+  mount_commands.Register(app);
+#endif
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     int code = app.exit(error);
     return code == 0 ? kExitOk : kExitUsage;
   }
+#ifdef PLUGHOST_WITH_MOUNT
+  if (mount_commands.chosen()) {
+    return mount_commands.Run(
+        [&] { return options.plugin.empty() ? DefaultPlugin() : options.plugin; }, options.root,
+        options.opts, options.verbose);
+  }
+#endif
   if (!run) return kExitUsage;
 
   InstallInterruptHandler();
