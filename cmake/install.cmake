@@ -23,5 +23,9 @@ install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/localdiskConfigVersion.cmake
   DESTINATION ${LOCALDISK_CMAKE_DIR})
 
+# Relocatable: the prefix is found from the .pc file's own place.
+file(RELATIVE_PATH LOCALDISK_PC_TO_PREFIX
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" LOCALDISK_PC_TO_PREFIX "${LOCALDISK_PC_TO_PREFIX}")
 configure_file(cmake/localdisk.pc.in ${CMAKE_CURRENT_BINARY_DIR}/localdisk.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/localdisk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
