@@ -64,14 +64,15 @@ TEST(SaneCtype, HighBytesHaveNoClassAtAll) {
 }
 
 TEST(SaneCtype, FurtherClassesArePresent) {
-  EXPECT_TRUE(sane_ctype[' '] & kCtypeSpace);
-  EXPECT_TRUE(sane_ctype['\t'] & kCtypeSpace);
-  EXPECT_TRUE(sane_ctype['*'] & kCtypeGlob);
-  EXPECT_TRUE(sane_ctype['?'] & kCtypeGlob);
-  EXPECT_TRUE(sane_ctype['^'] & kCtypeRegex);
+  EXPECT_TRUE(sane_ctype[static_cast<unsigned char>(' ')] & kCtypeSpace);
+  EXPECT_TRUE(sane_ctype[static_cast<unsigned char>('\t')] & kCtypeSpace);
+  EXPECT_TRUE(sane_ctype[static_cast<unsigned char>('*')] & kCtypeGlob);
+  EXPECT_TRUE(sane_ctype[static_cast<unsigned char>('?')] & kCtypeGlob);
+  EXPECT_TRUE(sane_ctype[static_cast<unsigned char>('^')] & kCtypeRegex);
   EXPECT_TRUE(sane_ctype[0x01] & kCtypeControl);
   EXPECT_TRUE(sane_ctype[0x7F] & kCtypeControl);
-  EXPECT_FALSE(sane_ctype['a'] & (kCtypeSpace | kCtypeGlob | kCtypeRegex | kCtypeControl));
+  EXPECT_FALSE(sane_ctype[static_cast<unsigned char>('a')] &
+               (kCtypeSpace | kCtypeGlob | kCtypeRegex | kCtypeControl));
 }
 
 TEST(SaneCtype, UpperCasingClearsBit0x20OfLettersOnly) {
