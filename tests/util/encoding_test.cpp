@@ -91,10 +91,9 @@ TEST(Utf8, MalformedInputRaisesRangeError) {
       "\xE2\x82",              // truncated 3-byte
       "\xF0\x9F\x98",          // truncated 4-byte
       "a\xC3",                 // truncated at the end after valid text
-      "\xC3"
-      "a",             // continuation replaced by ASCII
-      "\xE2\x28\xA1",  // bad second byte
-      "\xE2\x82\x28",  // bad third byte
+      "\xC3\x61",              // continuation replaced by ASCII "a"
+      "\xE2\x28\xA1",          // bad second byte
+      "\xE2\x82\x28",          // bad third byte
   };
   for (char const* b : bad) {
     EXPECT_THROW(s2ws(b), std::range_error) << ::testing::PrintToString(std::string(b));
