@@ -69,7 +69,9 @@ inline char Fold(char c) {
   return static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
 }
 inline wchar_t Fold(wchar_t c) {
-  if (c < 0 || c > 255) return c;
+  // Widened first: wchar_t is unsigned on some targets.
+  auto const v = static_cast<long long>(c);
+  if (v < 0 || v > 255) return c;
   return static_cast<wchar_t>(std::toupper(static_cast<int>(c)));
 }
 
