@@ -72,6 +72,9 @@ AERROR LocalDisk::Upload(const char* parent, std::shared_ptr<_FS_HANDLE> handle,
   const std::string target = GetPath(parent) + "/" + file->name;
   Stream stream(std::fopen(target.c_str(), "w+"));
   if (!stream) return FILE_NOT_FOUND;
+  // Each chunk goes to the file in one write: a stream buffer would split
+  // every chunk after the first into a copied 4 KiB piece and the rest.
+  std::setvbuf(stream.get(), nullptr, _IONBF, 0);
   if (fseeko(stream.get(), 0, SEEK_SET) != 0) return FILE_WRITE_FAILED;
   Buffer buffer(static_cast<char*>(std::malloc(kChunk)), std::free);
 
