@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 
 namespace plughost {
 
@@ -72,12 +73,15 @@ std::string ProgressBar::Render(long long done, long long total, double elapsed,
                          : (total <= done ? Duration(0) : std::string("--:--"));
   char percent[8];
   std::snprintf(percent, sizeof percent, "%3d%%", static_cast<int>(fraction * 100.0));
-  std::string figures = " " + HumanBytes(static_cast<unsigned long long>(done)) + " / " +
-                        HumanBytes(static_cast<unsigned long long>(total > 0 ? total : 0)) + "  " +
-                        HumanBytes(static_cast<unsigned long long>(rate)) + "/s  " + left;
+  // Fixed-width figures keep the bar from jittering while they change.
+  char figures[96];
+  std::snprintf(figures, sizeof figures, " %10s / %10s  %10s/s  %5s",
+                HumanBytes(static_cast<unsigned long long>(done)).c_str(),
+                HumanBytes(static_cast<unsigned long long>(total > 0 ? total : 0)).c_str(),
+                HumanBytes(static_cast<unsigned long long>(rate)).c_str(), left.c_str());
   std::string head = label_ + " " + percent + " ";
   // The bar takes whatever room is left; narrow terminals get no bar.
-  int room = width - 1 - static_cast<int>(head.size() + figures.size()) - 2;
+  int room = width - 1 - static_cast<int>(head.size() + std::strlen(figures)) - 2;
   std::string line = head;
   if (room >= 10) {
     int filled = static_cast<int>(fraction * room);

@@ -52,7 +52,7 @@ TEST(ProgressBar, RenderShowsBytesPercentRateAndTimeLeft) {
   ProgressBar bar(-1, false, "big.bin", [] { return 0.0; });
   std::string line = bar.Render(1 << 20, 4 << 20, 2.0, 80);
   EXPECT_THAT(line, HasSubstr("big.bin  25% ["));
-  EXPECT_THAT(line, HasSubstr("1.0 MiB / 4.0 MiB"));
+  EXPECT_THAT(line, HasSubstr("   1.0 MiB /    4.0 MiB"));
   EXPECT_THAT(line, HasSubstr("512.0 KiB/s"));
   EXPECT_THAT(line, HasSubstr("00:06"));
   EXPECT_LE(line.size(), 79u);
