@@ -3,6 +3,7 @@
 #include "host/mount.h"
 
 #include <fuse3/fuse.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -60,6 +61,7 @@ std::uint64_t FhOf(const fuse_file_info* fi) {
 // --- operations ---------------------------------------------------------------
 
 void* OpInit(fuse_conn_info* conn, fuse_config* cfg) {
+  conn->max_read = kTransferSize;
   conn->max_write = kTransferSize;
   conn->max_readahead = kTransferSize;
   conn->max_background = 64;
@@ -397,6 +399,11 @@ int Serve(const MountOptions& options) {
     return kMountExitFailed;
   }
   fuse_session* lowlevel = fuse_get_session(session);
+  // libfuse only takes over signals left at their default; a shell starts
+  // background jobs with SIGINT ignored, and an unmount on SIGINT is wanted
+  // there too. (SIGHUP stays as it is, so that nohup keeps working.)
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
   int status = kMountExitOk;
   if (fuse_set_signal_handlers(lowlevel) != 0) {
     status = kMountExitFailed;
@@ -404,7 +411,11 @@ int Serve(const MountOptions& options) {
     fuse_loop_config loop{};
     loop.clone_fd = 0;
     loop.max_idle_threads = 16;
-    if (fuse_loop_mt(session, &loop) != 0) status = kMountExitFailed;
+    // A signal ends the loop with the signal's number: a clean end as well.
+    int result = fuse_loop_mt(session, &loop);
+    if (result != 0 && result != SIGINT && result != SIGTERM && result != SIGHUP) {
+      status = kMountExitFailed;
+    }
     fuse_remove_signal_handlers(lowlevel);
   }
   // A signal ends the loop with the file system still mounted.

@@ -1,0 +1,221 @@
+// Through a real mount: the errno values applications see, upload errors at
+// fsync() and close(), and concurrent readers. Skipped when /dev/fuse cannot
+// be used here.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/mount_support.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool FuseUsable(std::string* reason) {
+  if (access("/dev/fuse", F_OK) != 0) {
+    *reason = "/dev/fuse does not exist";
+    return false;
+  }
+  if (access("/dev/fuse", R_OK | W_OK) != 0) {
+    *reason = "/dev/fuse is not usable by this user";
+    return false;
+  }
+  return true;
+}
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void Spit(const std::string& path, const std::string& data) {
+  std::ofstream out(path, std::ios::binary);
+  out << data;
+}
+
+class MountTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string reason;
+    if (!FuseUsable(&reason)) GTEST_SKIP() << "FUSE unavailable: " << reason;
+    const char* tmp = std::getenv("TMPDIR");
+    std::string pattern =
+        std::string(tmp != nullptr && *tmp ? tmp : "/tmp") + "/mount_errno.XXXXXX";
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    work_ = pattern;
+    root_ = work_ + "/root";
+    mnt_ = work_ + "/mnt";
+    std::string cache = work_ + "/cache";
+    for (const std::string& dir : {root_, mnt_, cache})
+      fs::create_directory(dir);
+
+    std::vector<std::string> words = {MOUNT_FRONT_END, "--plugin", LD_PLUGIN_PATH, "--root",
+                                      root_,           "mount",    mnt_,           "--foreground",
+                                      "--cache-dir",   cache};
+    std::vector<char*> argv;
+    for (std::string& word : words)
+      argv.push_back(word.data());
+    argv.push_back(nullptr);
+    ASSERT_EQ(posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ), 0);
+    for (int i = 0; i < 200 && !Mounted(); ++i) {
+      int status = 0;
+      if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        FAIL() << "the mount process ended early";
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ASSERT_TRUE(Mounted()) << "not mounted in time";
+  }
+
+  void TearDown() override {
+    if (pid_ > 0) {
+      kill(pid_, SIGTERM);
+      int status = 0;
+      for (int i = 0; i < 200 && waitpid(pid_, &status, WNOHANG) == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      }
+      if (waitpid(pid_, &status, WNOHANG) == 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+      }
+    }
+    if (!mnt_.empty() && Mounted()) umount2(mnt_.c_str(), MNT_DETACH);
+    if (!work_.empty()) fs::remove_all(work_);
+  }
+
+  bool Mounted() const { return plughost::FindMount(mnt_).has_value(); }
+
+  std::string work_, root_, mnt_;
+  pid_t pid_ = -1;
+};
+
+TEST_F(MountTest, MissingEntriesGiveENOENT) {
+  errno = 0;
+  EXPECT_EQ(open((mnt_ + "/missing").c_str(), O_RDONLY), -1);
+  EXPECT_EQ(errno, ENOENT);
+  struct stat st {};
+  errno = 0;
+  EXPECT_EQ(stat((mnt_ + "/missing/below").c_str(), &st), -1);
+  EXPECT_EQ(errno, ENOENT);
+  errno = 0;
+  EXPECT_EQ(unlink((mnt_ + "/missing").c_str()), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(MountTest, RefusedOperationsGiveEACCES) {
+  ASSERT_EQ(mkdir((mnt_ + "/full").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir((mnt_ + "/full/x").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir((mnt_ + "/other").c_str(), 0755), 0);
+  errno = 0;
+  EXPECT_EQ(rmdir((mnt_ + "/full").c_str()), -1);
+  EXPECT_EQ(errno, EACCES);
+  errno = 0;
+  EXPECT_EQ(rename((mnt_ + "/other").c_str(), (mnt_ + "/full").c_str()), -1);
+  EXPECT_EQ(errno, EACCES);
+  EXPECT_TRUE(fs::is_directory(root_ + "/full/x"));
+  EXPECT_TRUE(fs::is_directory(root_ + "/other"));
+}
+
+TEST_F(MountTest, UploadErrorsReachFsyncAndClose) {
+  ASSERT_EQ(mkdir((mnt_ + "/dir").c_str(), 0755), 0);
+  int fd = open((mnt_ + "/dir/f").c_str(), O_CREAT | O_WRONLY, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(write(fd, "abc", 3), 3);
+  // The directory disappears behind the mount's back: the upload has nowhere to go.
+  fs::remove_all(root_ + "/dir");
+  errno = 0;
+  EXPECT_EQ(fsync(fd), -1);
+  EXPECT_EQ(errno, ENOENT);
+  errno = 0;
+  EXPECT_EQ(close(fd), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(MountTest, ExtendedAttributesAreUnsupported) {
+  Spit(root_ + "/f", "x");
+  char buffer[64];
+  errno = 0;
+  EXPECT_EQ(getxattr((mnt_ + "/f").c_str(), "user.test", buffer, sizeof buffer), -1);
+  EXPECT_EQ(errno, ENOTSUP);
+  errno = 0;
+  EXPECT_EQ(setxattr((mnt_ + "/f").c_str(), "user.test", "v", 1, 0), -1);
+  EXPECT_EQ(errno, ENOTSUP);
+}
+
+TEST_F(MountTest, ConcurrentReadersGetIdenticalBytes) {
+  std::string data(24 * 1024 * 1024 + 12345, '\0');
+  std::mt19937_64 random(42);
+  for (char& c : data)
+    c = static_cast<char>(random());
+  Spit(root_ + "/large", data);
+  std::vector<std::string> got(4);
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 4; ++i) {
+    readers.emplace_back([&, i] {
+      int fd = open((mnt_ + "/large").c_str(), O_RDONLY);
+      if (fd < 0) return;
+      std::string out;
+      std::vector<char> buffer(1 << 20);
+      ssize_t n;
+      while ((n = read(fd, buffer.data(), buffer.size())) > 0)
+        out.append(buffer.data(), n);
+      close(fd);
+      got[i] = std::move(out);
+    });
+  }
+  for (std::thread& reader : readers)
+    reader.join();
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(got[i].size(), data.size()) << "reader " << i;
+    EXPECT_TRUE(got[i] == data) << "reader " << i;
+  }
+}
+
+TEST_F(MountTest, ReadOfAFileTruncatedMeanwhileEndsShort) {
+  Spit(root_ + "/shrinking", std::string(300000, 'x'));
+  int fd = open((mnt_ + "/shrinking").c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  // Shrunk directly on the root: the mount still believes the old size.
+  ASSERT_EQ(truncate((root_ + "/shrinking").c_str(), 1000), 0);
+  std::vector<char> buffer(300000);
+  ssize_t n = pread(fd, buffer.data(), buffer.size(), 0);
+  EXPECT_GE(n, 0);
+  EXPECT_LE(n, 1000);
+  close(fd);
+}
+
+TEST_F(MountTest, WrittenDataIsReadBackBeforeAndAfterClose) {
+  int fd = open((mnt_ + "/w").c_str(), O_CREAT | O_RDWR, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(pwrite(fd, "0123456789", 10, 0), 10);
+  char buffer[16] = {};
+  ASSERT_EQ(pread(fd, buffer, sizeof buffer, 0), 10);
+  EXPECT_EQ(std::string(buffer, 10), "0123456789");
+  struct stat st {};
+  ASSERT_EQ(fstat(fd, &st), 0);
+  EXPECT_EQ(st.st_size, 10);
+  ASSERT_EQ(close(fd), 0);
+  EXPECT_EQ(Slurp(root_ + "/w"), "0123456789");
+}
+
+}  // namespace

@@ -1,0 +1,215 @@
+#!/usr/bin/env bash
+# Scripted sessions through a real mount of a temporary root.
+#   mount_session.sh TOOL PLUGIN session|busy|signals
+# TOOL is a program with plughost's global options and its mount/unmount
+# subcommands. Exits 77 (skipped) when FUSE cannot be used here. Everything
+# happens inside one fresh temporary directory; the mount is always undone.
+set -euo pipefail
+export LC_ALL=C TZ=UTC
+
+tool=$1
+plugin=$2
+scenario=$3
+
+skip() {
+  echo "SKIP: $*"
+  exit 77
+}
+[ -c /dev/fuse ] || skip "/dev/fuse does not exist"
+[ -r /dev/fuse ] && [ -w /dev/fuse ] || skip "/dev/fuse is not usable by $(id -un)"
+if [ "$(id -u)" != 0 ] && ! command -v fusermount3 >/dev/null; then
+  skip "not root and no fusermount3"
+fi
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/fuse_session.XXXXXX")
+root=$work/root
+mnt=$work/mnt
+cache=$work/cache
+mkdir -p "$root" "$mnt" "$cache"
+daemon=
+
+mounted() { awk -v m="$1" '$5 == m { found = 1 } END { exit !found }' /proc/self/mountinfo; }
+
+cleanup() {
+  local status=$?
+  if mounted "$mnt"; then
+    "$tool" unmount "$mnt" 2>/dev/null || fusermount3 -u -z "$mnt" 2>/dev/null ||
+      umount -l "$mnt" 2>/dev/null || true
+  fi
+  if [ -n "$daemon" ]; then kill "$daemon" 2>/dev/null || true; fi
+  rm -rf "$work"
+  exit "$status"
+}
+trap cleanup EXIT
+
+fail() {
+  echo "FAIL: $*" >&2
+  exit 1
+}
+
+mount_it() {
+  "$tool" --plugin "$plugin" --root "$root" mount "$mnt" --cache-dir "$cache" "$@"
+  mounted "$mnt" || fail "not mounted after mount returned"
+}
+
+# Runs a command that must fail and checks the error text of errno.
+expect_error() {
+  local text=$1
+  shift
+  if "$@" 2>"$work/err"; then fail "$* succeeded"; fi
+  grep -q "$text" "$work/err" || fail "$*: expected '$text', got: $(cat "$work/err")"
+}
+
+session() {
+  mount_it
+
+  # mkdir -p
+  mkdir -p "$mnt/a/b/c" "$mnt/d"
+  [ -d "$root/a/b/c" ] || fail "mkdir -p did not reach the root"
+
+  # a 100 MB random file in and out
+  head -c 100000000 /dev/urandom >"$work/big"
+  cp "$work/big" "$mnt/a/big"
+  cmp "$work/big" "$root/a/big" || fail "copy in differs"
+  cp "$mnt/a/big" "$work/big.out"
+  cmp "$work/big" "$work/big.out" || fail "copy out differs"
+
+  # append
+  printf 'hello\n' >"$mnt/a/log"
+  printf 'world\n' >>"$mnt/a/log"
+  [ "$(cat "$mnt/a/log")" = $'hello\nworld' ] || fail "append through the mount"
+  [ "$(cat "$root/a/log")" = $'hello\nworld' ] || fail "append on the root"
+
+  # truncate, shorter and longer
+  truncate -s 5 "$mnt/a/log"
+  [ "$(cat "$root/a/log")" = hello ] || fail "truncate -s 5"
+  truncate -s 8 "$mnt/a/log"
+  [ "$(stat -c %s "$root/a/log")" = 8 ] || fail "truncate -s 8"
+  cmp <(printf 'hello\0\0\0') "$mnt/a/log" || fail "truncate -s 8 content"
+
+  # mv within a directory and across directories
+  mv "$mnt/a/log" "$mnt/a/log2"
+  [ -f "$root/a/log2" ] && [ ! -e "$root/a/log" ] || fail "mv within a directory"
+  mv "$mnt/a/log2" "$mnt/d/log3"
+  [ -f "$root/d/log3" ] && [ ! -e "$root/a/log2" ] || fail "mv across directories"
+  mv "$mnt/a/b/c" "$mnt/d/c2"
+  [ -d "$root/d/c2" ] || fail "mv of a directory"
+
+  # rm
+  rm "$mnt/d/log3"
+  [ ! -e "$root/d/log3" ] || fail "rm"
+  [ ! -e "$mnt/d/log3" ] || fail "rm: still visible"
+
+  # rmdir of a non-empty directory: refused (ACCESS_DENIED maps to EACCES)
+  touch "$mnt/a/b/keep"
+  expect_error "Permission denied" rmdir "$mnt/a/b"
+  [ -f "$root/a/b/keep" ] || fail "rmdir removed something"
+  rmdir "$mnt/d/c2"
+  [ ! -e "$root/d/c2" ] || fail "rmdir of an empty directory"
+
+  # touch -d, then stat through the mount and directly
+  touch -d "2021-06-15 10:20:30" "$mnt/a/b/keep"
+  local want
+  want=$(date -d "2021-06-15 10:20:30" +%s)
+  [ "$(stat -c %Y "$mnt/a/b/keep")" = "$want" ] || fail "touch -d: mount shows $(stat -c %Y "$mnt/a/b/keep")"
+  [ "$(stat -c %Y "$root/a/b/keep")" = "$want" ] || fail "touch -d: root has $(stat -c %Y "$root/a/b/keep")"
+  [ "$(stat -c %X "$mnt/a/b/keep")" = "$want" ] || fail "touch -d: access time"
+
+  # ls -l through the mount matches the root seen directly (modes, owner,
+  # size, time and name; the link count of directories is not kept)
+  sleep 1.1
+  local listing
+  listing() { ls -l --time-style=+%s "$1" | awk 'NR > 1 { print $1, $3, $4, $5, $6, $7 }'; }
+  diff <(listing "$mnt/a") <(listing "$root/a") || fail "ls -l differs"
+  diff <(listing "$mnt/a/b") <(listing "$root/a/b") || fail "ls -l differs (a/b)"
+
+  # df: the size is the quota's total, the free space total minus used
+  local size_mnt size_root avail_mnt avail_root
+  read -r size_mnt avail_mnt < <(df -B1 --output=size,avail "$mnt" | tail -1)
+  read -r size_root avail_root < <(df -B1 --output=size,avail "$root" | tail -1)
+  [ "$size_mnt" -gt 0 ] || fail "df: no size"
+  [ $((size_root - size_mnt)) -ge 0 ] && [ $((size_root - size_mnt)) -lt 4096 ] ||
+    fail "df size: mount $size_mnt, root $size_root"
+  local drift=$((avail_root - avail_mnt))
+  drift=${drift#-}
+  [ "$drift" -lt $((512 * 1024 * 1024)) ] || fail "df avail: mount $avail_mnt, root $avail_root"
+
+  # four concurrent readers of one large file get identical bytes
+  local want_sum i
+  want_sum=$(sha256sum <"$work/big" | cut -d' ' -f1)
+  for i in 1 2 3 4; do
+    sha256sum <"$mnt/a/big" | cut -d' ' -f1 >"$work/sum$i" &
+  done
+  wait
+  for i in 1 2 3 4; do
+    [ "$(cat "$work/sum$i")" = "$want_sum" ] || fail "reader $i got different bytes"
+  done
+
+  # error mapping: a missing file is ENOENT, a refused operation EACCES
+  expect_error "No such file or directory" cat "$mnt/missing"
+  expect_error "No such file or directory" rm "$mnt/missing"
+  mkdir "$mnt/full" "$mnt/full/x" "$mnt/other"
+  expect_error "Permission denied" mv -T "$mnt/other" "$mnt/full"
+  # fixed modes and owners, no links
+  expect_error "Operation not supported" chmod 0600 "$mnt/a/b/keep"
+  chmod 0644 "$mnt/a/b/keep"
+  expect_error "Operation not permitted" ln -s keep "$mnt/a/b/link"
+
+  "$tool" unmount "$mnt"
+  ! mounted "$mnt" || fail "still mounted after unmount"
+  cmp "$work/big" "$root/a/big" || fail "root changed after unmount"
+}
+
+busy() {
+  mount_it
+  local status=0
+  "$tool" --plugin "$plugin" --root "$root" mount "$mnt" --cache-dir "$cache" 2>"$work/err" ||
+    status=$?
+  [ "$status" != 0 ] || fail "second mount on a busy mount point succeeded"
+  grep -q "is busy" "$work/err" || fail "no clear message: $(cat "$work/err")"
+  mounted "$mnt" || fail "the first mount went away"
+  # a file open on the mount keeps it busy for unmount as well
+  exec 3<"$mnt"/.
+  "$tool" unmount "$mnt" 2>/dev/null && fail "unmount with a busy mount succeeded" || true
+  exec 3<&-
+  "$tool" unmount "$mnt"
+  ! mounted "$mnt" || fail "still mounted"
+  expect_error "not mounted" "$tool" unmount "$mnt"
+}
+
+# Waits until the mount is there (a foreground mount started in the background).
+wait_mounted() {
+  local i
+  for i in $(seq 100); do
+    mounted "$mnt" && return 0
+    kill -0 "$daemon" 2>/dev/null || fail "the mount process ended early"
+    sleep 0.1
+  done
+  fail "not mounted in time"
+}
+
+signals() {
+  local sig status
+  for sig in TERM INT; do
+    "$tool" --plugin "$plugin" --root "$root" mount "$mnt" --cache-dir "$cache" --foreground &
+    daemon=$!
+    wait_mounted
+    echo data >"$mnt/f_$sig"
+    kill -s "$sig" "$daemon"
+    status=0
+    wait "$daemon" || status=$?
+    daemon=
+    [ "$status" = 0 ] || fail "SIG$sig: exit status $status"
+    ! mounted "$mnt" || fail "SIG$sig: still mounted"
+    [ "$(cat "$root/f_$sig")" = data ] || fail "SIG$sig: data lost"
+  done
+  [ -z "$(ls -A "$cache")" ] || fail "staging directory left behind: $(ls -A "$cache")"
+}
+
+case $scenario in
+  session) session ;;
+  busy) busy ;;
+  signals) signals ;;
+  *) fail "unknown scenario $scenario" ;;
+esac
+echo "PASS: $scenario"
