@@ -43,17 +43,43 @@ std::string BaseName(const std::string& path) {
   return basename(scratch);
 }
 
+// FillData's work, shared with the listing loop (which must not copy the
+// directory for every entry).
+void Fill(const std::string& directory, const struct stat& st, char separator, _FS_FILE_V2* file) {
+  // One bit, not the whole type field: sockets and block devices count as
+  // directories too, which the host expects.
+  file->type = (st.st_mode & kDirectoryBit) != 0 ? 2 : 1;
+  join_path_into(file->id, directory, file->name, separator);
+  file->size = st.st_size;
+  file->create_time = LocalTimeText(st.st_ctim.tv_sec);
+  file->access_time = LocalTimeText(st.st_atim.tv_sec);
+  file->modify_time = LocalTimeText(st.st_mtim.tv_sec);
+}
+
+// Makes a listing record indistinguishable from a fresh one named `name`,
+// with `directory` as its only parent, keeping the memory it already holds.
+void Reset(_FS_FILE_V2& record, const char* name, const std::string& directory) {
+  record.id.clear();
+  record.type = 0;
+  record.size = 0;
+  record.create_time.clear();
+  record.access_time.clear();
+  record.modify_time.clear();
+  record.name.assign(name);
+  record.aux_text.clear();
+  if (record.parents.size() == 1) {
+    record.parents.front().assign(directory);
+  } else {
+    record.parents.clear();
+    record.parents.push_back(directory);
+  }
+  record.aux_text_v2.clear();
+}
+
 }  // namespace
 
 void LocalDisk::FillData(std::string directory, struct stat* st, _FS_FILE_V2* file) {
-  // One bit, not the whole type field: sockets and block devices count as
-  // directories too, which the host expects.
-  file->type = (st->st_mode & kDirectoryBit) != 0 ? 2 : 1;
-  file->id = JoinPath(directory, file->name);
-  file->size = st->st_size;
-  file->create_time = LocalTimeText(st->st_ctim.tv_sec);
-  file->access_time = LocalTimeText(st->st_atim.tv_sec);
-  file->modify_time = LocalTimeText(st->st_mtim.tv_sec);
+  Fill(directory, *st, separator, file);
 }
 
 AERROR LocalDisk::GetFileInfo(const char* path, _FS_FILE_V2* file, char**) {
@@ -82,22 +108,24 @@ AERROR LocalDisk::GetFileList(const char* path, IFileList* list, char**) {
   const std::string directory(path);
   std::string entry_path = local + "/";
   const size_t prefix = entry_path.size();
+  // One record serves every entry: it is reset to the state of a fresh one
+  // before each callback, so the host cannot tell, and a large directory
+  // costs no allocations for the record's own structure.
+  _FS_FILE_V2 record;
   while (const dirent* entry = readdir(dir.get())) {
     const char* name = entry->d_name;
     if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
-    _FS_FILE_V2 record;
+    Reset(record, name, directory);
     entry_path.resize(prefix);
     entry_path += name;
-    record.name = name;
     struct stat st;
     if (stat(entry_path.c_str(), &st) == 0) {
-      FillData(directory, &st, &record);
+      Fill(directory, st, separator, &record);
     } else {
       // A dangling link or an entry removed meanwhile is still listed, with
       // kind, size and times left clear.
-      record.id = JoinPath(directory, record.name);
+      join_path_into(record.id, directory, record.name, separator);
     }
-    record.parents.push_back(directory);
     list->OnFile(&record);
   }
   return SUCCESS;

@@ -70,11 +70,16 @@ std::string LocalDisk::GetPath(const char* path) {
   return mapped;
 }
 
+void join_path_into(std::string& out, const std::string& directory, const std::string& name,
+                    char separator) {
+  out.reserve(directory.size() + 1 + name.size());
+  out.assign(directory);
+  if (out.empty() || out.back() != separator) out += separator;
+  out += name;
+}
+
 std::string LocalDisk::JoinPath(const std::string& directory, const std::string& name) {
   std::string joined;
-  joined.reserve(directory.size() + 1 + name.size());
-  joined = directory;
-  if (joined.empty() || joined.back() != separator) joined += separator;
-  joined += name;
+  join_path_into(joined, directory, name, separator);
   return joined;
 }
