@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <deque>
 #include <set>
 #include <string>
 
@@ -441,28 +442,51 @@ TEST_F(Listing, EntryWhoseStatFailsIsStillDeliveredWithClearedFields) {
 }
 
 TEST_F(Listing, EachCallbackGetsAFreshRecord) {
-  // A record never carries fields of the previous entry.
+  // Whatever the host does to a record, the next one carries none of it.
   WriteFile(dir / "a", "aaaa");
-  ASSERT_EQ(symlink((dir / "nowhere").c_str(), (dir / "b").c_str()), 0);
-  WriteFile(dir / "c", "c");
+  ASSERT_EQ(symlink((dir / "nowhere1").c_str(), (dir / "b").c_str()), 0);
+  ASSERT_EQ(symlink((dir / "nowhere2").c_str(), (dir / "c").c_str()), 0);
+  WriteFile(dir / "d", "d");
   class Checker : public IFileList {
    public:
+    explicit Checker(std::string directory) : directory_(std::move(directory)) {}
     int calls = 0;
     AERROR OnFile(_FS_FILE_V2* file) override {
       ++calls;
-      EXPECT_EQ(file->parents.size(), 1u);
-      if (file->name == "b") {
+      EXPECT_EQ(file->id, directory_ + "/" + file->name);
+      EXPECT_TRUE(file->aux_text.empty());
+      EXPECT_TRUE(file->aux_text_v2.empty());
+      EXPECT_EQ(file->parents, std::deque<std::string>{directory_});
+      if (file->name == "b" || file->name == "c") {
+        EXPECT_EQ(file->type, 0);
         EXPECT_EQ(file->size, 0);
+        EXPECT_TRUE(file->create_time.empty());
+        EXPECT_TRUE(file->access_time.empty());
         EXPECT_TRUE(file->modify_time.empty());
+      } else {
+        EXPECT_EQ(file->type, 1);
+        EXPECT_EQ(file->size, file->name == "a" ? 4 : 1);
       }
-      // Scribble on the record: the plug-in must not reuse it.
-      file->aux_text = "dirty";
-      file->parents.push_back("dirty");
+      // Scribble on every field; alternate the shape of the parents.
+      file->id = "dirty-id";
+      file->type = 7;
+      file->size = 99;
+      file->create_time = file->access_time = file->modify_time = "dirty-time";
+      file->name = "dirty-name";
+      file->aux_text = file->aux_text_v2 = "dirty";
+      if (calls % 2 == 0) {
+        file->parents.push_back("dirty");
+      } else {
+        file->parents.front() = "dirty";
+      }
       return SUCCESS;
     }
-  } checker;
+
+   private:
+    std::string directory_;
+  } checker(dir.path());
   ASSERT_EQ(disk.GetFileList(dir.path().c_str(), &checker, nullptr), SUCCESS);
-  EXPECT_EQ(checker.calls, 3);
+  EXPECT_EQ(checker.calls, 4);
 }
 
 TEST_F(Listing, ManyEntriesOneCallEach) {
