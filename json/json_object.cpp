@@ -40,11 +40,15 @@ void ParseOrThrow(Parse parse) {
   if (!parsed) throw JSON_PARSE_FAILED;
 }
 
+const std::regex& PathSeparator() {
+  static const std::regex slash("/");
+  return slash;
+}
+
 // Walks `path`; returns null at the first missing member.
 Json::Value* Walk(Json::Value* value, const char* path) {
   if (path == nullptr) return value;
-  static const std::regex slash("/");
-  for (const auto& piece : split(std::string(path), slash)) {
+  for (const auto& piece : split(std::string(path), PathSeparator())) {
     if (piece.empty()) continue;
     if (!value->isObject() || !value->isMember(piece)) return nullptr;
     value = &(*value)[piece];
@@ -55,6 +59,7 @@ Json::Value* Walk(Json::Value* value, const char* path) {
 }  // namespace
 
 JsonObject::JsonObject(const char* text, unsigned int length) : target_(&own_) {
+  if (text == nullptr) throw JSON_PARSE_FAILED;  // no bytes to read, whatever the length
   ParseOrThrow([&] {
     Json::Reader reader;
     return reader.parse(text, text + length, own_, false);

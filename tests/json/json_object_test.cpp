@@ -86,6 +86,10 @@ TEST(JsonParse, InvalidUtf8InsideStringIsKeptAsBytes) {
   EXPECT_THROW(static_cast<void>(static_cast<std::wstring>(doc["k"])), std::range_error);
 }
 
+TEST(JsonParse, NullBytesWithLengthThrowParseFailed) {
+  EXPECT_EQ(ThrownCode([] { JsonObject doc(nullptr, 5); }), JSON_PARSE_FAILED);
+}
+
 TEST(JsonParse, NullTextGivesInvalidOwner) {
   JsonObject doc(nullptr);
   EXPECT_FALSE(doc.IsValid());
