@@ -233,7 +233,7 @@ case_touch() {
 
 case_df() {
   make_tree
-  note "# figures depend on the disk: digits are replaced by N"
+  note "# figures depend on the disk: numbers and units are replaced"
   ph df
   ph --json df
   local total
@@ -323,7 +323,8 @@ sed -E \
   -e 's/("type":"directory","size":)[0-9]+(,"id":"[^"]*","create_time":"[^"]*","access_time":")[^"]*/\1<dirsize>\2<atime>/g' \
   "$transcript" >"$sanitized"
 if [ "$case_name" = df ]; then
-  sed -i -E '/^(total|used|free) /s/[0-9]+(\.[0-9]+)?/N/g; /^\{"total"/s/[0-9]+/N/g' "$sanitized"
+  sed -i -E -e '/^(total|used|free) /s/[0-9]+(\.[0-9]+)? (B|KiB|MiB|GiB|TiB|PiB|EiB)/N <unit>/' \
+    -e '/^used /s/\([0-9]+%\)/(N%)/' -e '/^\{"total"/s/[0-9]+/N/g' "$sanitized"
 fi
 
 golden=$golden_dir/$case_name.txt
