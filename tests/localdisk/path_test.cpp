@@ -67,7 +67,7 @@ TEST(NormalizePath, RelativeInputCollapsingToNothingIsEmpty) {
   EXPECT_EQ(Normal(""), "");
 }
 
-TEST(NormalizePath, OnlyExactDotAndDotDotAreSpecial) {
+TEST(NormalizePath, OnlyExactDotAndDotDotAreReserved) {
   EXPECT_EQ(Normal("/a/.../b"), "/a/.../b");
   EXPECT_EQ(Normal("/a/..b"), "/a/..b");
   EXPECT_EQ(Normal("/a/b.."), "/a/b..");
