@@ -24,13 +24,21 @@ void GetSupportProtocol(char** out) {
   if (out != nullptr) *out = strdup("localdisk");
 }
 
-void FreeP(void* p) { std::free(p); }
+void FreeP(void* p) {
+  std::free(p);
+}
 
-int GetAuthType() { return LocalDisk::GetAuthType(); }
+int GetAuthType() {
+  return LocalDisk::GetAuthType();
+}
 
-AERROR GetAuthFields(char* buffer, int* length) { return LocalDisk::GetAuthFields(buffer, length); }
+AERROR GetAuthFields(char* buffer, int* length) {
+  return LocalDisk::GetAuthFields(buffer, length);
+}
 
-AERROR GetOptFields(char*, int*) { return NOT_SUPPORTED; }
+AERROR GetOptFields(char*, int*) {
+  return NOT_SUPPORTED;
+}
 
 bool BindLogger(ILog* log) {
   if (log == nullptr) return false;

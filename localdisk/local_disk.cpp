@@ -20,18 +20,26 @@ LocalDisk::LocalDisk(IProtocolManager* manager)
 
 LocalDisk::~LocalDisk() = default;
 
-int LocalDisk::GetAuthType() { return 0; }
+int LocalDisk::GetAuthType() {
+  return 0;
+}
 
-AERROR LocalDisk::GetAuthFields(char*, int*) { return NOT_SUPPORTED; }
+AERROR LocalDisk::GetAuthFields(char*, int*) {
+  return NOT_SUPPORTED;
+}
 
-void LocalDisk::Release() { delete this; }
+void LocalDisk::Release() {
+  delete this;
+}
 
 AERROR LocalDisk::GetType(char** type) {
   *type = kTypeName;
   return SUCCESS;
 }
 
-AERROR LocalDisk::GetChanges(IFileChanges*, char**) { return NOT_SUPPORTED; }
+AERROR LocalDisk::GetChanges(IFileChanges*, char**) {
+  return NOT_SUPPORTED;
+}
 
 AERROR LocalDisk::SetOpt(const char* key, const char* value) {
   if (strcasecmp(key, "pid") == 0) {
@@ -56,13 +64,21 @@ AERROR LocalDisk::GetCredential(char* buffer, int* length) {
   return result;
 }
 
-int LocalDisk::GetFeature() { return kFeatureMask; }
+int LocalDisk::GetFeature() {
+  return kFeatureMask;
+}
 
-void LocalDisk::FreeMsg(char* msg) { std::free(msg); }
+void LocalDisk::FreeMsg(char* msg) {
+  std::free(msg);
+}
 
-AERROR LocalDisk::Connect(IProtocolAuth*, const char*) { return SUCCESS; }
+AERROR LocalDisk::Connect(IProtocolAuth*, const char*) {
+  return SUCCESS;
+}
 
-AERROR LocalDisk::GetIdentifier(char*, int*) { return SUCCESS; }
+AERROR LocalDisk::GetIdentifier(char*, int*) {
+  return SUCCESS;
+}
 
 AERROR LocalDisk::GetRootID(char* buffer, int* length) {
   if (length == nullptr) return INVALID_PARAMETER;
@@ -79,6 +95,10 @@ AERROR LocalDisk::GetRootID(char* buffer, int* length) {
   return SUCCESS;
 }
 
-AERROR LocalDisk::SetChangesCallback(IFileChanges*) { return SUCCESS; }
+AERROR LocalDisk::SetChangesCallback(IFileChanges*) {
+  return SUCCESS;
+}
 
-AERROR LocalDisk::GetShareableLink(_FS_FILE_V2*, std::string&) { return NOT_SUPPORTED; }
+AERROR LocalDisk::GetShareableLink(_FS_FILE_V2*, std::string&) {
+  return NOT_SUPPORTED;
+}

@@ -85,29 +85,19 @@ constexpr const char* kFileSystemMountNames[] = {
 static_assert(sizeof(kFileSystemMountNames) / sizeof(kFileSystemMountNames[0]) == 14);
 
 constexpr const char* kCacheNames[] = {
-    "AERROR::CACHE_TOO_SMALL",
-    "AERROR::CACHE_INVALID_OPEN_MODE",
-    "AERROR::CACHE_INVALID_PATH",
-    "AERROR::CACHE_CREATE_FAILED",
-    "AERROR::CACHE_NOT_OPENED",
-    "AERROR::CACHE_OFFSET_NOT_ALIGNED",
-    "AERROR::CACHE_WRITE_FAILED",
-    "AERROR::CACHE_READ_FAILED",
-    "AERROR::CACHE_BLOCK_RESERVED",
-    "AERROR::CACHE_BLOCK_EMPTY",
-    "AERROR::CACHE_NO_NEED_READAHEAD",
-    "AERROR::CACHE_NEED_READAHEAD",
-    "AERROR::CACHE_READAHEAD",
-    "AERROR::CACHE_NO_RESERVED_BLOCKS",
+    "AERROR::CACHE_TOO_SMALL",         "AERROR::CACHE_INVALID_OPEN_MODE",
+    "AERROR::CACHE_INVALID_PATH",      "AERROR::CACHE_CREATE_FAILED",
+    "AERROR::CACHE_NOT_OPENED",        "AERROR::CACHE_OFFSET_NOT_ALIGNED",
+    "AERROR::CACHE_WRITE_FAILED",      "AERROR::CACHE_READ_FAILED",
+    "AERROR::CACHE_BLOCK_RESERVED",    "AERROR::CACHE_BLOCK_EMPTY",
+    "AERROR::CACHE_NO_NEED_READAHEAD", "AERROR::CACHE_NEED_READAHEAD",
+    "AERROR::CACHE_READAHEAD",         "AERROR::CACHE_NO_RESERVED_BLOCKS",
 };
 static_assert(sizeof(kCacheNames) / sizeof(kCacheNames[0]) == 14);
 
 constexpr const char* kCertificatesNames[] = {
-    "AERROR::CERT_ERROR",
-    "AERROR::CERT_NOT_SSL",
-    "AERROR::CERT_INVALID",
-    "AERROR::CERT_NEED_CONFIRM",
-    "AERROR::CERT_ISSUER_NOT_FOUND",
+    "AERROR::CERT_ERROR",        "AERROR::CERT_NOT_SSL",          "AERROR::CERT_INVALID",
+    "AERROR::CERT_NEED_CONFIRM", "AERROR::CERT_ISSUER_NOT_FOUND",
 };
 static_assert(sizeof(kCertificatesNames) / sizeof(kCertificatesNames[0]) == 5);
 

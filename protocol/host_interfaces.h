@@ -29,7 +29,7 @@ class IProtocolManager {
 // A per-instance configuration store (SetLocalConfiguration). No sections.
 class ILocalConfiguration {
  public:
-  virtual AERROR WriteConfiguration(const char* key, const char* value) = 0;  // slot 0
+  virtual AERROR WriteConfiguration(const char* key, const char* value) = 0;         // slot 0
   virtual AERROR ReadConfiguration(const char* key, char* buffer, int* length) = 0;  // slot 1
 
  protected:
@@ -72,7 +72,7 @@ class ICacheIO {
 // the format and its arguments to WriteLog.
 class ILog {
  public:
-  virtual void Write(LOGLEVEL level, const char* text) = 0;            // slot 0, not called
+  virtual void Write(LOGLEVEL level, const char* text) = 0;               // slot 0, not called
   virtual void WriteFormat(LOGLEVEL level, const char* format, ...) = 0;  // slot 1, not called
   virtual void WriteLog(LOGLEVEL level, const char* format, va_list args) = 0;  // slot 2
 

@@ -15,7 +15,9 @@
 extern std::atomic<ILog*> logger;
 extern std::mutex ll;
 
-inline ILog* CurrentLogger() { return logger.load(std::memory_order_acquire); }
+inline ILog* CurrentLogger() {
+  return logger.load(std::memory_order_acquire);
+}
 
 // Hands `format` and its arguments to the logger's WriteLog. With a null
 // logger it does nothing and touches none of the variable arguments.

@@ -31,18 +31,18 @@ struct _FS_FILE_V2 : _FS_FILE_V1 {
 
 // Progress callback of a transfer: (total bytes expected, bytes done so far,
 // the handle's progress_context, rate). localdisk always passes a rate of 0.0.
-typedef void (*FS_PROGRESS_CALLBACK)(long long total, long long done,
-                                     std::uint64_t context, double rate);
+typedef void (*FS_PROGRESS_CALLBACK)(long long total, long long done, std::uint64_t context,
+                                     double rate);
 
 // Transfer handle, owned by the host and shared with a running Read/Upload.
 // The host writes `state` from another thread while the plug-in polls it
 // between chunks, hence the atomic (same size and alignment as int32_t).
 struct _FS_HANDLE {
-  std::int32_t reserved0 = 0;             // host's own; not used by the plug-in
-  std::atomic<std::int32_t> state{0};     // 3 or more: stop the transfer
-  std::int64_t reserved1 = 0;             // host's own; not used by the plug-in
+  std::int32_t reserved0 = 0;               // host's own; not used by the plug-in
+  std::atomic<std::int32_t> state{0};       // 3 or more: stop the transfer
+  std::int64_t reserved1 = 0;               // host's own; not used by the plug-in
   FS_PROGRESS_CALLBACK progress = nullptr;  // may be null
-  std::uint64_t progress_context = 0;     // handed back to progress unchanged
+  std::uint64_t progress_context = 0;       // handed back to progress unchanged
 };
 
 // State values at or above this stop a running transfer.

@@ -19,7 +19,9 @@ AERROR SuperProtocol::SetOpt(const char* name, const char* value) {
   return SUCCESS;
 }
 
-std::string SuperProtocol::GetPID() { return pid; }
+std::string SuperProtocol::GetPID() {
+  return pid;
+}
 
 AERROR SuperProtocol::SetLocalConfiguration(ILocalConfiguration* config) {
   if (config == nullptr) return ACCESS_DENIED;

@@ -43,12 +43,12 @@ class SuperProtocol : public IProtocol_V2 {
   ILocalConfiguration* local_config = nullptr;  // not owned
   IProtocolManager* manager = nullptr;          // not owned
   std::string pid;
-  IAuthDocumentHook* auth_hook = nullptr;       // not owned
-  std::int64_t reserved = 0;                    // kept for the layout; unused here
-  IAuthRefreshProvider* refresher = nullptr;    // not owned
-  std::string auth_document;                    // {"results":{"access_token":..,"refresh_token":..}}
-  std::mutex refresh_lock;                      // serialises token refreshes
-  std::int64_t speed_limit = 0;                 // 0: no limit; enforced by derived protocols
+  IAuthDocumentHook* auth_hook = nullptr;     // not owned
+  std::int64_t reserved = 0;                  // kept for the layout; unused here
+  IAuthRefreshProvider* refresher = nullptr;  // not owned
+  std::string auth_document;                  // {"results":{"access_token":..,"refresh_token":..}}
+  std::mutex refresh_lock;                    // serialises token refreshes
+  std::int64_t speed_limit = 0;               // 0: no limit; enforced by derived protocols
 
  private:
   void SetTokenOption(const char* name, const char* value);

@@ -10,7 +10,9 @@
 
 namespace {
 
-AERROR Code(int value) { return static_cast<AERROR>(value); }
+AERROR Code(int value) {
+  return static_cast<AERROR>(value);
+}
 
 TEST(GetAERRORA, NamesEveryAssignedCode) {
   for (const AerrorName& entry : kAllAerrors) {
@@ -20,7 +22,8 @@ TEST(GetAERRORA, NamesEveryAssignedCode) {
 
 TEST(GetAERRORA, TableHasEveryCodeOnce) {
   std::set<int> seen;
-  for (const AerrorName& entry : kAllAerrors) EXPECT_TRUE(seen.insert(entry.code).second);
+  for (const AerrorName& entry : kAllAerrors)
+    EXPECT_TRUE(seen.insert(entry.code).second);
   EXPECT_EQ(seen.size(), 111u);
 }
 
@@ -39,7 +42,8 @@ TEST(GetAERRORA, UnassignedValuesAreUnknown) {
 
 TEST(GetAERRORA, EveryValueOutsideTheTableIsUnknown) {
   std::set<int> assigned;
-  for (const AerrorName& entry : kAllAerrors) assigned.insert(entry.code);
+  for (const AerrorName& entry : kAllAerrors)
+    assigned.insert(entry.code);
   for (int value = -100; value <= 9000; ++value) {
     if (assigned.count(value) != 0) continue;
     ASSERT_STREQ(GetAERRORA(Code(value)), "Unknown") << value;

@@ -13,16 +13,16 @@
 // helpers and members made reachable.
 class TestProtocol : public SuperProtocol {
  public:
-  using SuperProtocol::SuperProtocol;
-  using SuperProtocol::ReadConfiguration;
-  using SuperProtocol::WriteConfiguration;
   using SuperProtocol::auth_document;
   using SuperProtocol::auth_hook;
   using SuperProtocol::local_config;
   using SuperProtocol::manager;
   using SuperProtocol::pid;
+  using SuperProtocol::ReadConfiguration;
   using SuperProtocol::refresher;
   using SuperProtocol::speed_limit;
+  using SuperProtocol::SuperProtocol;
+  using SuperProtocol::WriteConfiguration;
 
   void Release() override { delete this; }
   AERROR GetUserInfo(char*, int*) override { return NOT_SUPPORTED; }
@@ -34,9 +34,7 @@ class TestProtocol : public SuperProtocol {
   AERROR GetFileInfo(const char*, _FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
   AERROR Rename(const char*, const char*, _FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
   AERROR Move(const char*, const char*, _FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
-  AERROR MoveDir(const char*, const char*, _FS_FILE_V2*, char**) override {
-    return NOT_SUPPORTED;
-  }
+  AERROR MoveDir(const char*, const char*, _FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
   AERROR CreateDirectory(const char*, _FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
   AERROR Delete(_FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
   AERROR DeleteDirectory(_FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
@@ -82,8 +80,8 @@ class RecordingManager : public IProtocolManager {
   int GetVersion() override { return 1; }
   AERROR WriteConfiguration(const char* section, const char* key, const char* value,
                             bool flag) override {
-    writes.push_back({section ? section : "<null>", key ? key : "<null>", value ? value : "<null>",
-                      flag, 0});
+    writes.push_back(
+        {section ? section : "<null>", key ? key : "<null>", value ? value : "<null>", flag, 0});
     return write_result;
   }
   AERROR ReadConfiguration(const char* section, const char* key, char* buffer,

@@ -18,12 +18,12 @@ namespace {
 
 int failures = 0;
 
-#define CHECK(condition)                                                   \
-  do {                                                                     \
-    if (!(condition)) {                                                    \
+#define CHECK(condition)                                                           \
+  do {                                                                             \
+    if (!(condition)) {                                                            \
       std::fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #condition); \
-      ++failures;                                                          \
-    }                                                                      \
+      ++failures;                                                                  \
+    }                                                                              \
   } while (0)
 
 template <typename T>
