@@ -136,20 +136,23 @@ mkdir -p "$root/many"
 for i in $(seq 0 $((files - 1))); do printf '' >"$root/many/$(printf 'f%05d' "$i")"; done
 
 declare -A result
+# Runs alternate between the three places, so that a change of the machine's
+# load during the benchmark affects all of them alike.
 for figure in write read stat; do
-  for where in direct plughost passthrough; do
-    case $where in
-      direct) base=$root ;;
-      plughost) base=$mnt ;;
-      passthrough) base=$pt$root ;;
-    esac
-    total=""
-    for i in $(seq "$runs"); do
+  for i in $(seq "$runs"); do
+    for where in direct plughost passthrough; do
+      case $where in
+        direct) base=$root ;;
+        plughost) base=$mnt ;;
+        passthrough) base=$pt$root ;;
+      esac
       remount
       t=$("run_$figure" "$base")
-      if [ -z "$total" ] || awk -v a="$t" -v b="$total" 'BEGIN { exit !(a < b) }'; then total=$t; fi
+      best=${result[$figure,$where]:-}
+      if [ -z "$best" ] || awk -v a="$t" -v b="$best" 'BEGIN { exit !(a < b) }'; then
+        result[$figure,$where]=$t
+      fi
     done
-    result[$figure,$where]=$total
   done
 done
 unmount "$mnt"

@@ -288,8 +288,12 @@ int MountFs::GetAttr(const char* path, std::uint64_t fh, struct stat* st) {
   AERROR result = Info(relative, &file);
   if (result != SUCCESS) {
     if (!node || !node->staged.load()) return ErrnoOf(result);
-    // Removed or renamed away on the storage while still open here.
+    // Removed or renamed away on the storage while still open here: the
+    // staged copy is all there is.
     file.type = 1;
+    time_t written = node->written.load();
+    file.modify_time = FileTimeOf(written != 0 ? written : time(nullptr));
+    file.access_time = file.create_time = file.modify_time;
   } else {
     if (!node) node = Find(relative);
   }
