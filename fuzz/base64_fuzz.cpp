@@ -12,8 +12,7 @@
 namespace {
 
 int Value(char c) {
-  static const char alphabet[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   const char* at = std::strchr(alphabet, c);
   return c != '\0' && at != nullptr ? static_cast<int>(at - alphabet) : -1;
 }

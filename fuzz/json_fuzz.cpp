@@ -106,7 +106,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   try {
     JsonObject document(exact.get(), static_cast<unsigned int>(text.size()));
     ranged_ok = true;
-    for (const auto& path : paths) Walk(document, path);
+    for (const auto& path : paths)
+      Walk(document, path);
     Convert(document);
     CheckText(document);
     JsonObject copy(document);
@@ -119,7 +120,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   try {
     JsonObject document(text.c_str());
     text_ok = true;
-    for (const auto& path : paths) Walk(document, path);
+    for (const auto& path : paths)
+      Walk(document, path);
     CheckText(document);
   } catch (AERROR error) {
     FUZZ_CHECK(error == JSON_PARSE_FAILED);

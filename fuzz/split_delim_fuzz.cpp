@@ -51,6 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // A transform's result is what is stored.
   auto upper = split_delim(text, delimiters, [](std::string& token) { return token + "!"; });
   FUZZ_CHECK(upper.size() == tokens.size());
-  for (size_t i = 0; i < upper.size(); ++i) FUZZ_CHECK(upper[i] == tokens[i] + "!");
+  for (size_t i = 0; i < upper.size(); ++i)
+    FUZZ_CHECK(upper[i] == tokens[i] + "!");
   return 0;
 }

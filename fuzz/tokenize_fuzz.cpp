@@ -30,7 +30,8 @@ void CheckCharForm(const String& text, typename String::value_type delimiter,
     FUZZ_CHECK(tokens.empty());
     return;
   }
-  for (const auto& token : tokens) FUZZ_CHECK(token.find(delimiter) == String::npos);
+  for (const auto& token : tokens)
+    FUZZ_CHECK(token.find(delimiter) == String::npos);
   if (text.back() == delimiter)
     FUZZ_CHECK(Join(tokens, d) + d == text);
   else
@@ -42,7 +43,8 @@ void CheckStringForm(const String& text, const String& delimiter,
                      const std::vector<String>& tokens) {
   FUZZ_CHECK(!tokens.empty());
   FUZZ_CHECK(Join(tokens, delimiter) == text);
-  for (const auto& token : tokens) FUZZ_CHECK(token.find(delimiter) == String::npos);
+  for (const auto& token : tokens)
+    FUZZ_CHECK(token.find(delimiter) == String::npos);
 }
 
 }  // namespace
@@ -65,7 +67,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const wchar_t wide_delimiter = static_cast<wchar_t>(static_cast<unsigned char>(delimiter));
   const std::wstring wide_delimiter_text(delimiter_text.begin(), delimiter_text.end());
   std::wstring wide_text_unsigned;
-  for (char c : text) wide_text_unsigned += static_cast<wchar_t>(static_cast<unsigned char>(c));
+  for (char c : text)
+    wide_text_unsigned += static_cast<wchar_t>(static_cast<unsigned char>(c));
   CheckCharForm(wide_text_unsigned, wide_delimiter,
                 tokenize(wide_text_unsigned, wide_delimiter, wide_identity));
   CheckStringForm(wide_text, wide_delimiter_text,

@@ -53,7 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FUZZ_CHECK(Decode(plain, false) == text);
   FUZZ_CHECK(Decode(strict, true) == text);
   size_t slashes = 0;
-  for (char c : text) slashes += c == '/';
+  for (char c : text)
+    slashes += c == '/';
   FUZZ_CHECK(strict.size() == plain.size() + 2 * slashes);
   return 0;
 }

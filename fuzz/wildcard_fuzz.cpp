@@ -38,7 +38,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Each star or DOS star multiplies the work by the name length; the cost is
   // polynomial by design, so keep the degree small enough for the fuzzer.
   size_t stars = 0;
-  for (char c : expression) stars += (c == '*' || c == '<');
+  for (char c : expression)
+    stars += (c == '*' || c == '<');
   if (stars > 4 || expression.size() > 256 || name.size() > 256) return 0;
 
   auto e = Narrow(expression);
@@ -46,7 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool narrow = IsNameInExpressionA(e.get(), n.get(), ignore_case);
 
   bool ascii = true;
-  for (char c : expression + name) ascii = ascii && static_cast<unsigned char>(c) < 0x80;
+  for (char c : expression + name)
+    ascii = ascii && static_cast<unsigned char>(c) < 0x80;
   auto we = Wide(expression);
   auto wn = Wide(name);
   const bool wide = IsNameInExpression(we.get(), wn.get(), ignore_case);
