@@ -17,6 +17,7 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <string>
 #include <vector>
@@ -197,11 +198,16 @@ struct DirHandle {
   std::vector<DirEntry> entries;
 };
 
+// Directory handles pass between the kernel's threads; the lock makes that
+// hand-over visible to thread checkers (and costs nothing measurable).
+std::mutex dir_handles_lock;
+
 int OpOpendir(const char* path, fuse_file_info* fi) {
   return Guard([&] {
     auto handle = std::make_unique<DirHandle>();
     int error = Fs()->ListDir(path, &handle->entries);
     if (error != 0) return error;
+    std::lock_guard<std::mutex> guard(dir_handles_lock);
     fi->fh = reinterpret_cast<std::uint64_t>(handle.release());
     // The kernel keeps the listing until the directory's time changes.
     fi->cache_readdir = 1;
@@ -213,6 +219,7 @@ int OpOpendir(const char* path, fuse_file_info* fi) {
 int OpReaddir(const char*, void* buffer, fuse_fill_dir_t fill, off_t, fuse_file_info* fi,
               fuse_readdir_flags flags) {
   return Guard([&] {
+    std::lock_guard<std::mutex> guard(dir_handles_lock);
     auto* handle = reinterpret_cast<DirHandle*>(fi->fh);
     struct stat dir {};
     dir.st_mode = S_IFDIR;
@@ -228,6 +235,7 @@ int OpReaddir(const char*, void* buffer, fuse_fill_dir_t fill, off_t, fuse_file_
 }
 
 int OpReleasedir(const char*, fuse_file_info* fi) {
+  std::lock_guard<std::mutex> guard(dir_handles_lock);
   delete reinterpret_cast<DirHandle*>(fi->fh);
   return 0;
 }

@@ -54,9 +54,27 @@ MountFs::MountFs(IProtocol_V2* protocol, std::string root_id, std::string cache_
       gid_(gid) {}
 
 MountFs::~MountFs() {
-  // Handles the kernel never released (a forced unmount) still own their nodes.
+  // Handles the kernel never released (a forced unmount).
+  {
+    std::lock_guard<std::mutex> guard(handles_lock_);
+    for (Handle* handle : handles_)
+      delete handle;
+    handles_.clear();
+  }
   std::lock_guard<std::mutex> guard(registry_lock_);
   nodes_.clear();
+}
+
+std::uint64_t MountFs::Register(std::unique_ptr<Handle> handle) {
+  std::lock_guard<std::mutex> guard(handles_lock_);
+  handles_.insert(handle.get());
+  return reinterpret_cast<std::uint64_t>(handle.release());
+}
+
+std::shared_ptr<MountFs::Node> MountFs::NodeOf(std::uint64_t fh) const {
+  std::lock_guard<std::mutex> guard(handles_lock_);
+  auto it = handles_.find(reinterpret_cast<Handle*>(fh));
+  return it == handles_.end() ? nullptr : (*it)->node;
 }
 
 MountFs::Node::~Node() {
@@ -279,7 +297,8 @@ int MountFs::GetAttr(const char* path, std::uint64_t fh, struct stat* st) {
   std::shared_ptr<Node> node;
   std::string relative;
   if (fh != 0) {
-    node = HandleOf(fh)->node;
+    node = NodeOf(fh);
+    if (!node) return -EBADF;
     relative = RelativeOfNode(*node);
   } else {
     relative = RelativeOf(path != nullptr ? path : "/");
@@ -367,7 +386,7 @@ int MountFs::Open(const char* path, int flags, std::uint64_t* fh, bool* keep_cac
     Drop(node);
     return error;
   }
-  *fh = reinterpret_cast<std::uint64_t>(new Handle{node, writable});
+  *fh = Register(std::make_unique<Handle>(Handle{node, writable}));
   return 0;
 }
 
@@ -394,12 +413,14 @@ int MountFs::Create(const char* path, int /*flags*/, std::uint64_t* fh) {
     Drop(node);
     return error;
   }
-  *fh = reinterpret_cast<std::uint64_t>(new Handle{node, true});
+  *fh = Register(std::make_unique<Handle>(Handle{node, true}));
   return 0;
 }
 
 long long MountFs::Read(std::uint64_t fh, char* buffer, std::size_t size, off_t offset) {
-  Node& node = *HandleOf(fh)->node;
+  std::shared_ptr<Node> held = NodeOf(fh);
+  if (!held) return -EBADF;
+  Node& node = *held;
   if (size == 0 || offset < 0) return 0;
   if (node.staged.load()) {
     std::lock_guard<std::mutex> guard(node.lock);
@@ -449,7 +470,9 @@ long long MountFs::Read(std::uint64_t fh, char* buffer, std::size_t size, off_t 
 }
 
 long long MountFs::Write(std::uint64_t fh, const char* buffer, std::size_t size, off_t offset) {
-  Node& node = *HandleOf(fh)->node;
+  std::shared_ptr<Node> held = NodeOf(fh);
+  if (!held) return -EBADF;
+  Node& node = *held;
   std::lock_guard<std::mutex> guard(node.lock);
   int error = Stage(node, -1);
   if (error != 0) return error;
@@ -474,7 +497,8 @@ int MountFs::Truncate(const char* path, std::uint64_t fh, off_t size) {
     if (file.type == 2) return -EISDIR;
     node = Acquire(relative);
   } else {
-    node = HandleOf(fh)->node;
+    node = NodeOf(fh);
+    if (!node) return -EBADF;
   }
   int error = 0;
   {
@@ -494,7 +518,9 @@ int MountFs::Truncate(const char* path, std::uint64_t fh, off_t size) {
 }
 
 int MountFs::Flush(std::uint64_t fh) {
-  Node& node = *HandleOf(fh)->node;
+  std::shared_ptr<Node> held = NodeOf(fh);
+  if (!held) return -EBADF;
+  Node& node = *held;
   if (!node.dirty.load()) return 0;
   std::lock_guard<std::mutex> guard(node.lock);
   return UploadLocked(node);
@@ -505,7 +531,11 @@ int MountFs::Fsync(std::uint64_t fh) {
 }
 
 int MountFs::Release(std::uint64_t fh) {
-  Handle* handle = HandleOf(fh);
+  Handle* handle = reinterpret_cast<Handle*>(fh);
+  {
+    std::lock_guard<std::mutex> guard(handles_lock_);
+    if (handles_.erase(handle) == 0) return -EBADF;
+  }
   int error = 0;
   {
     std::lock_guard<std::mutex> guard(handle->node->lock);
@@ -618,7 +648,8 @@ int MountFs::Utimens(const char* path, std::uint64_t fh, const struct timespec t
   std::shared_ptr<Node> node;
   std::string relative;
   if (fh != 0) {
-    node = HandleOf(fh)->node;
+    node = NodeOf(fh);
+    if (!node) return -EBADF;
     relative = RelativeOfNode(*node);
   } else {
     relative = RelativeOf(path);

@@ -24,6 +24,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -120,7 +121,10 @@ class MountFs {
   void Drop(const std::shared_ptr<Node>& node);
   std::shared_ptr<Node> Find(const std::string& relative) const;
   std::string RelativeOfNode(const Node& node) const;
-  Handle* HandleOf(std::uint64_t fh) const { return reinterpret_cast<Handle*>(fh); }
+  // Handles are looked up under a lock: the kernel hands one from the thread
+  // that opened it to others, an ordering the thread checkers cannot see.
+  std::uint64_t Register(std::unique_ptr<Handle> handle);
+  std::shared_ptr<Node> NodeOf(std::uint64_t fh) const;
 
   // With node->lock held.
   int Stage(Node& node, long long keep);
@@ -141,6 +145,9 @@ class MountFs {
   mutable std::mutex registry_lock_;
   std::unordered_map<std::string, std::shared_ptr<Node>> nodes_;
   std::atomic<std::size_t> open_nodes_{0};  // nodes_.size(), read without the lock
+
+  mutable std::mutex handles_lock_;
+  std::unordered_set<Handle*> handles_;
 
   std::mutex stamps_lock_;
   std::unordered_map<std::string, CacheStamp> stamps_;

@@ -142,6 +142,18 @@ TEST_F(MountFsTest, MissingEntryIsENOENT) {
   EXPECT_EQ(mount_->OpenNodes(), 0u);
 }
 
+TEST_F(MountFsTest, UnknownHandlesAreRefused) {
+  char buffer[4];
+  EXPECT_EQ(mount_->Read(12345, buffer, sizeof buffer, 0), -EBADF);
+  EXPECT_EQ(mount_->Write(12345, buffer, sizeof buffer, 0), -EBADF);
+  EXPECT_EQ(mount_->Flush(12345), -EBADF);
+  EXPECT_EQ(mount_->Release(12345), -EBADF);
+  Spit(Root("f"), "x");
+  std::uint64_t fh = OpenOk("/f", O_RDONLY);
+  EXPECT_EQ(mount_->Release(fh), 0);
+  EXPECT_EQ(mount_->Release(fh), -EBADF) << "a second release";
+}
+
 TEST_F(MountFsTest, ListingCarriesAttributesAndNoDotEntries) {
   Spit(Root("a"), "12345");
   fs::create_directory(Root("sub"));
