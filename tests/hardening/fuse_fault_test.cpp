@@ -147,6 +147,7 @@ class FaultyFuse {
     char* argv[] = {program, nullptr};
     fuse_args args = FUSE_ARGS_INIT(1, argv);
     fuse_ = fuse_new(&args, &ops, sizeof ops, nullptr);
+    fuse_opt_free_args(&args);  // fuse_new may have added arguments of its own
     if (fuse_ == nullptr) {
       reason_ = "fuse_new failed";
       return;
