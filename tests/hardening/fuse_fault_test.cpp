@@ -163,9 +163,12 @@ class FaultyFuse {
   }
   ~FaultyFuse() {
     if (mounted_) {
+      // Unmounting ends the connection, so the loop's read returns and the
+      // loop ends; only then may the session's descriptor be closed.
       fuse_exit(fuse_);
-      fuse_unmount(fuse_);  // ends the loop: the connection goes away
+      if (umount2(path_.c_str(), 0) != 0) umount2(path_.c_str(), MNT_DETACH);
       loop_.join();
+      fuse_unmount(fuse_);
       fuse_destroy(fuse_);
     }
     rmdir(path_.c_str());
