@@ -107,14 +107,17 @@ AERROR LocalDisk::Upload(const char* parent, std::shared_ptr<_FS_HANDLE> handle,
     written += static_cast<long long>(n);
     Progress(handle, total, written);
   }
-  if (failed) {
-    stream.reset();
-    buffer.reset();
+  buffer.reset();
+  // Some file systems report a write error only when the file is flushed or
+  // closed: that is the same failure as a failing fwrite, and the host must
+  // never be told that a truncated file was uploaded.
+  FILE* const raw = stream.release();
+  const bool flushed = std::fflush(raw) == 0;
+  const bool closed = std::fclose(raw) == 0;
+  if (failed || !flushed || !closed) {
     std::remove(target.c_str());
     return FAILED;
   }
-  stream.reset();
-  buffer.reset();
   // The identifier is built from the parent as passed, not from the mapping.
   file->id = JoinPath(parent, file->name);
   return GetFileInfo(file->id.c_str(), file, msg);
