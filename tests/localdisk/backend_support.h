@@ -25,54 +25,18 @@
 
 #include "localdisk/local_disk.h"
 #include "protocol/host_interfaces.h"
+#include "tests/support/files.h"
 
 namespace backend_test {
 
-// A fresh directory from mkdtemp, removed with everything in it at the end.
-class TempDir {
+using test_support::ReadFile;
+using test_support::WriteFile;
+
+// The backend tests' directories are named after them.
+class TempDir : public test_support::TempDir {
  public:
-  TempDir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/localdisk-backend-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (mkdtemp(buffer.data()) == nullptr) std::abort();
-    // Resolve links (a TMPDIR behind a symbolic link) so paths compare exactly.
-    path_ = std::filesystem::canonical(buffer.data()).string();
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::string& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
+  TempDir() : test_support::TempDir("localdisk-backend") {}
 };
-
-inline void WriteFile(const std::string& path, const std::string& content) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) std::abort();
-  if (!content.empty()) std::fwrite(content.data(), 1, content.size(), f);
-  std::fclose(f);
-}
-
-inline std::string ReadFile(const std::string& path) {
-  std::string content;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) return "<missing>";
-  char buffer[65536];
-  size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0)
-    content.append(buffer, n);
-  std::fclose(f);
-  return content;
-}
 
 inline bool Exists(const std::string& path) {
   struct stat st;
