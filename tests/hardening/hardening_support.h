@@ -30,78 +30,21 @@
 #include "localdisk/local_disk.h"
 #include "protocol/host_interfaces.h"
 #include "protocol/records.h"
+#include "tests/support/files.h"
 
 namespace hardening {
 
 constexpr long long kChunk = 524288;
 
-// A fresh directory from mkdtemp, removed with everything in it at the end.
-class TempDir {
+using test_support::Exists;
+using test_support::Pattern;
+using test_support::ReadFile;
+using test_support::WriteFile;
+
+class TempDir : public test_support::TempDir {
  public:
-  TempDir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
-                          "/localdisk-hardening-XXXXXX";
-    std::vector<char> buffer(pattern.begin(), pattern.end());
-    buffer.push_back('\0');
-    if (mkdtemp(buffer.data()) == nullptr) std::abort();
-    path_ = std::filesystem::canonical(buffer.data()).string();
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    // Permission tests lock some entries; open them again so they can go.
-    for (auto it = std::filesystem::recursive_directory_iterator(
-             path_, std::filesystem::directory_options::skip_permission_denied, ignored);
-         it != std::filesystem::recursive_directory_iterator(); it.increment(ignored)) {
-      if (it->is_directory(ignored) && !it->is_symlink(ignored)) chmod(it->path().c_str(), 0700);
-    }
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::string& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
+  TempDir() : test_support::TempDir("localdisk-hardening") {}
 };
-
-inline void WriteFile(const std::string& path, const std::string& content) {
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) std::abort();
-  if (!content.empty() && std::fwrite(content.data(), 1, content.size(), f) != content.size())
-    std::abort();
-  if (std::fclose(f) != 0) std::abort();
-}
-
-inline std::string ReadFile(const std::string& path) {
-  std::string content;
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (f == nullptr) return "<missing>";
-  char buffer[65536];
-  size_t n;
-  while ((n = std::fread(buffer, 1, sizeof buffer, f)) > 0)
-    content.append(buffer, n);
-  std::fclose(f);
-  return content;
-}
-
-inline bool Exists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
-}
-
-// Deterministic content whose bytes depend on their position.
-inline std::string Pattern(size_t size, unsigned seed = 1) {
-  std::string s(size, '\0');
-  unsigned x = seed * 2654435761u + 12345u;
-  for (size_t i = 0; i < size; ++i) {
-    x = x * 1103515245u + 12345u;
-    s[i] = static_cast<char>(x >> 16);
-  }
-  return s;
-}
 
 // A tmpfs of `bytes` mounted on a directory inside `parent`, in a mount
 // namespace of this process's own where the kernel allows one (so nothing

@@ -29,6 +29,8 @@
 
 namespace backend_test {
 
+using test_support::Exists;
+using test_support::Pattern;
 using test_support::ReadFile;
 using test_support::WriteFile;
 
@@ -37,22 +39,6 @@ class TempDir : public test_support::TempDir {
  public:
   TempDir() : test_support::TempDir("localdisk-backend") {}
 };
-
-inline bool Exists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
-}
-
-// Deterministic content whose bytes depend on their position.
-inline std::string Pattern(size_t size, unsigned seed = 1) {
-  std::string s(size, '\0');
-  unsigned x = seed * 2654435761u + 12345u;
-  for (size_t i = 0; i < size; ++i) {
-    x = x * 1103515245u + 12345u;
-    s[i] = static_cast<char>(x >> 16);
-  }
-  return s;
-}
 
 // Sets the modification (and access) time of `path` to a local wall-clock time.
 inline time_t SetLocalTimes(const std::string& path, int year, int month, int day, int hour,

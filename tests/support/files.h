@@ -2,6 +2,7 @@
 #pragma once
 
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +29,12 @@ class TempDir {
   }
   ~TempDir() {
     std::error_code ignored;
+    // Permission tests lock some directories; open them again so they can go.
+    for (auto it = std::filesystem::recursive_directory_iterator(
+             path_, std::filesystem::directory_options::skip_permission_denied, ignored);
+         it != std::filesystem::recursive_directory_iterator(); it.increment(ignored)) {
+      if (it->is_directory(ignored) && !it->is_symlink(ignored)) chmod(it->path().c_str(), 0700);
+    }
     std::filesystem::remove_all(path_, ignored);
   }
   TempDir(const TempDir&) = delete;
@@ -43,8 +50,9 @@ class TempDir {
 inline void WriteFile(const std::string& path, const std::string& content) {
   FILE* f = std::fopen(path.c_str(), "wb");
   if (f == nullptr) std::abort();
-  if (!content.empty()) std::fwrite(content.data(), 1, content.size(), f);
-  std::fclose(f);
+  if (!content.empty() && std::fwrite(content.data(), 1, content.size(), f) != content.size())
+    std::abort();
+  if (std::fclose(f) != 0) std::abort();
 }
 
 // The whole content, or "<missing>" when the file cannot be opened.
@@ -58,6 +66,22 @@ inline std::string ReadFile(const std::string& path) {
     content.append(buffer, n);
   std::fclose(f);
   return content;
+}
+
+inline bool Exists(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0;
+}
+
+// Deterministic content whose bytes depend on their position.
+inline std::string Pattern(size_t size, unsigned seed = 1) {
+  std::string s(size, '\0');
+  unsigned x = seed * 2654435761u + 12345u;
+  for (size_t i = 0; i < size; ++i) {
+    x = x * 1103515245u + 12345u;
+    s[i] = static_cast<char>(x >> 16);
+  }
+  return s;
 }
 
 }  // namespace test_support
