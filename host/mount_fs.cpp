@@ -349,6 +349,19 @@ int MountFs::ListDir(const char* path, std::vector<DirEntry>* entries) {
 
 // --- open files --------------------------------------------------------------
 
+int MountFs::StageEmpty(Node& node) {
+  int error = Stage(node, 0);
+  if (error == 0 && node.size.load() != 0) {
+    if (ftruncate(node.fd, 0) != 0) error = -errno;
+    node.size.store(0);
+  }
+  if (error == 0) {
+    node.dirty.store(true);
+    node.written.store(time(nullptr));
+  }
+  return error;
+}
+
 int MountFs::Open(const char* path, int flags, std::uint64_t* fh, bool* keep_cache) {
   std::string relative = RelativeOf(path);
   std::shared_ptr<Node> node = Acquire(relative);
@@ -358,15 +371,7 @@ int MountFs::Open(const char* path, int flags, std::uint64_t* fh, bool* keep_cac
   if (writable || (flags & O_TRUNC) != 0) {
     std::lock_guard<std::mutex> guard(node->lock);
     if ((flags & O_TRUNC) != 0) {
-      error = Stage(*node, 0);
-      if (error == 0 && node->size.load() != 0) {
-        if (ftruncate(node->fd, 0) != 0) error = -errno;
-        node->size.store(0);
-      }
-      if (error == 0) {
-        node->dirty.store(true);
-        node->written.store(time(nullptr));
-      }
+      error = StageEmpty(*node);
     } else {
       error = Stage(*node, -1);
     }
@@ -397,17 +402,9 @@ int MountFs::Create(const char* path, int /*flags*/, std::uint64_t* fh) {
   int error = 0;
   {
     std::lock_guard<std::mutex> guard(node->lock);
-    error = Stage(*node, 0);
-    if (error == 0 && node->size.load() != 0) {
-      if (ftruncate(node->fd, 0) != 0) error = -errno;
-      node->size.store(0);
-    }
-    if (error == 0) {
-      // Upload the empty file now, so that the entry exists from here on.
-      node->dirty.store(true);
-      node->written.store(time(nullptr));
-      error = UploadLocked(*node);
-    }
+    error = StageEmpty(*node);
+    // Upload the empty file now, so that the entry exists from here on.
+    if (error == 0) error = UploadLocked(*node);
   }
   if (error != 0) {
     Drop(node);

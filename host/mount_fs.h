@@ -128,6 +128,8 @@ class MountFs {
 
   // With node->lock held.
   int Stage(Node& node, long long keep);
+  // Stages `node` empty and marks it changed (truncate, create); node.lock held.
+  int StageEmpty(Node& node);
   int UploadLocked(Node& node);
   int SetTimes(const std::string& relative, time_t access, time_t modify);
   void OverlayStaged(const Node& node, struct stat* st) const;
