@@ -14,8 +14,7 @@ LD_EXPORT std::wstring wstring_format(std::wstring format, ...);
 
 // Pieces between matches of `separator`; an empty text gives no pieces.
 LD_EXPORT std::vector<std::string> split(std::string const& text, std::regex const& separator);
-LD_EXPORT std::vector<std::wstring> split(std::wstring const& text,
-                                          std::wregex const& separator);
+LD_EXPORT std::vector<std::wstring> split(std::wstring const& text, std::wregex const& separator);
 
 // `delimiters` is a set of characters; runs count as one, no empty tokens.
 LD_EXPORT std::vector<std::string> split_delim(std::string const& text,
@@ -28,15 +27,13 @@ LD_EXPORT std::vector<std::wstring> split_delim(
 // Character delimiter: keeps inner empty tokens, no trailing empty token.
 LD_EXPORT std::vector<std::string> tokenize(std::string const& text, char delimiter,
                                             std::function<std::string(std::string&)> transform);
-LD_EXPORT std::vector<std::wstring> tokenize(
-    std::wstring const& text, wchar_t delimiter,
-    std::function<std::wstring(std::wstring&)> transform);
+LD_EXPORT std::vector<std::wstring> tokenize(std::wstring const& text, wchar_t delimiter,
+                                             std::function<std::wstring(std::wstring&)> transform);
 // String delimiter: keeps a trailing empty token; an empty text gives one.
 LD_EXPORT std::vector<std::string> tokenize(std::string const& text, std::string delimiter,
                                             std::function<std::string(std::string&)> transform);
-LD_EXPORT std::vector<std::wstring> tokenize(
-    std::wstring const& text, std::wstring delimiter,
-    std::function<std::wstring(std::wstring&)> transform);
+LD_EXPORT std::vector<std::wstring> tokenize(std::wstring const& text, std::wstring delimiter,
+                                             std::function<std::wstring(std::wstring&)> transform);
 
 // Throws std::out_of_range for an empty vector.
 LD_EXPORT std::string join(std::vector<std::string> const& items, std::string separator);
