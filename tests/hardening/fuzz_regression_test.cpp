@@ -41,4 +41,21 @@ TEST(FuzzRegression, JsonWithWellFormedUtf8NamesRoundTripsExactly) {
   EXPECT_TRUE(again.HasObject("\xc2\xb5 name"));
 }
 
+// fuzz/regressions/json/crash-581c47e3...: a member name with an escaped NUL.
+// The compact writer keeps the whole name; the indented writer cuts it at the
+// NUL, as the JSON library's writer does, and the wrapper keeps its output.
+TEST(FuzzRegression, JsonMemberNameWithNulIsCutOnlyByTheIndentedWriter) {
+  const std::string input = "{\"a\":[{\"b\":true}],\"tr\\u0000inc\":-1.5e300}";
+  JsonObject document(input.c_str(), static_cast<unsigned int>(input.size()));
+  const std::string text = document.ToText();
+  EXPECT_NE(text.find("\"tr\\u0000inc\""), std::string::npos) << text;
+  JsonObject again(text.c_str(), static_cast<unsigned int>(text.size()));
+  EXPECT_EQ(again.ToText(), text);
+
+  const std::string styled = document.ToStyledText();
+  EXPECT_EQ(styled.find("u0000"), std::string::npos) << styled;
+  JsonObject from_styled(styled.c_str());
+  EXPECT_EQ(from_styled.GetKeys(), (std::vector<std::string>{"a", "tr"}));
+}
+
 }  // namespace
