@@ -560,6 +560,13 @@ int MountFs::Mkdir(const char* path) {
   return 0;
 }
 
+void MountFs::ForgetNodeLocked(const std::string& relative) {
+  auto it = nodes_.find(relative);
+  if (it == nodes_.end()) return;
+  it->second->unlinked = true;
+  nodes_.erase(it);
+}
+
 int MountFs::Unlink(const char* path) {
   std::string relative = RelativeOf(path);
   _FS_FILE_V2 file;
@@ -570,11 +577,7 @@ int MountFs::Unlink(const char* path) {
   if (result != SUCCESS) return ErrnoOf(result);
   {
     std::lock_guard<std::mutex> guard(registry_lock_);
-    auto it = nodes_.find(relative);
-    if (it != nodes_.end()) {
-      it->second->unlinked = true;
-      nodes_.erase(it);
-    }
+    ForgetNodeLocked(relative);
   }
   ForgetCache(relative);
   return 0;
@@ -614,11 +617,7 @@ int MountFs::Rename(const char* from, const char* to, unsigned int flags) {
     // Open files follow their entry: a replaced target is gone, and the
     // source (with everything below it) lives under the new name.
     std::lock_guard<std::mutex> guard(registry_lock_);
-    auto replaced = nodes_.find(target);
-    if (replaced != nodes_.end()) {
-      replaced->second->unlinked = true;
-      nodes_.erase(replaced);
-    }
+    ForgetNodeLocked(target);
     std::vector<std::shared_ptr<Node>> moved;
     const std::string prefix = source + "/";
     for (auto it = nodes_.begin(); it != nodes_.end();) {

@@ -120,6 +120,9 @@ class MountFs {
   std::shared_ptr<Node> Acquire(const std::string& relative);
   void Drop(const std::shared_ptr<Node>& node);
   std::shared_ptr<Node> Find(const std::string& relative) const;
+  // The entry at `relative` is gone from the storage: its open node must never
+  // be uploaded again. registry_lock_ held.
+  void ForgetNodeLocked(const std::string& relative);
   std::string RelativeOfNode(const Node& node) const;
   // Handles are looked up under a lock: the kernel hands one from the thread
   // that opened it to others, an ordering the thread checkers cannot see.

@@ -10,21 +10,9 @@
 
 namespace {
 
-bool IsCSpace(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-
 // Drops the writers' final newline (and any other "C" white space at the ends).
 std::string Trimmed(std::string text) {
-  std::size_t end = text.size();
-  while (end > 0 && IsCSpace(text[end - 1]))
-    --end;
-  text.erase(end);
-  std::size_t begin = 0;
-  while (begin < text.size() && IsCSpace(text[begin]))
-    ++begin;
-  text.erase(0, begin);
-  return text;
+  return trim(text);
 }
 
 // The reader reports bad text by returning false, but too deep a nesting by
