@@ -22,7 +22,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/mount_support.h"
+#include "host/mount/mount_support.h"
 
 extern char** environ;
 

@@ -1,6 +1,6 @@
 // The mount's file system against the real plug-in, without the kernel: each
 // operation as the kernel bridge would call it, on a fresh temporary root.
-#include "host/mount_fs.h"
+#include "host/mount/mount_fs.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -21,8 +21,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/adapters.h"
-#include "host/plugin.h"
+#include "host/core/adapters.h"
+#include "host/core/plugin.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "host/mount_support.h"
+#include "host/mount/mount_support.h"
 
 #include <gtest/gtest.h>
 

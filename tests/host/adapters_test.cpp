@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "host/adapters.h"
+#include "host/core/adapters.h"
 #include "tests/host/host_test_support.h"
 
 using plughost::CacheAdapter;

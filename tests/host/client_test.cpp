@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "host/adapters.h"
-#include "host/client.h"
-#include "host/plugin.h"
+#include "host/core/adapters.h"
+#include "host/core/client.h"
+#include "host/core/plugin.h"
 #include "tests/host/host_test_support.h"
 
 using plughost::Client;

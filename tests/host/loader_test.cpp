@@ -6,8 +6,8 @@
 
 #include <string>
 
-#include "host/adapters.h"
-#include "host/plugin.h"
+#include "host/core/adapters.h"
+#include "host/core/plugin.h"
 #include "tests/host/host_test_support.h"
 
 using plughost::LoadError;

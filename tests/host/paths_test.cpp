@@ -1,7 +1,7 @@
 // Root confinement: lexical normalisation relative to the storage root.
 #include <gtest/gtest.h>
 
-#include "host/paths.h"
+#include "host/core/paths.h"
 
 using plughost::NormalizeUserPath;
 

@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "host/progress.h"
+#include "host/cli/progress.h"
 #include "tests/host/host_test_support.h"
 
 using plughost::HumanBytes;

@@ -30,14 +30,12 @@
 
 #include <CLI/CLI.hpp>
 
-#include "host/adapters.h"
-#include "host/client.h"
-#ifdef PLUGHOST_WITH_MOUNT
-#include "host/mount.h"
-#endif
-#include "host/paths.h"
-#include "host/plugin.h"
-#include "host/progress.h"
+#include "host/core/adapters.h"
+#include "host/core/client.h"
+#include "host/mount/mount.h"
+#include "host/core/paths.h"
+#include "host/core/plugin.h"
+#include "host/cli/progress.h"
 #include "time/approxidate.h"
 #include "time/rfc3339.h"
 
@@ -902,10 +900,8 @@ int main(int argc, char** argv) {
   app.add_subcommand("info", "Show the plug-in: type, features, root identifier, pid, auth type")
       ->callback([&] { run = [](Session& s) { return CmdInfo(s); }; });
 
-#ifdef PLUGHOST_WITH_MOUNT
   plughost::MountCommands mount_commands;
   mount_commands.Register(app);
-#endif
 
   try {
     app.parse(argc, argv);
@@ -913,13 +909,11 @@ int main(int argc, char** argv) {
     int code = app.exit(error);
     return code == 0 ? kExitOk : kExitUsage;
   }
-#ifdef PLUGHOST_WITH_MOUNT
   if (mount_commands.chosen()) {
     return mount_commands.Run(
         [&] { return options.plugin.empty() ? DefaultPlugin() : options.plugin; }, options.root,
         options.opts, options.verbose);
   }
-#endif
   if (!run) return kExitUsage;
 
   InstallInterruptHandler();

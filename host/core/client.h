@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "host/plugin.h"
+#include "host/core/plugin.h"
 #include "protocol/contract.h"
 
 namespace plughost {

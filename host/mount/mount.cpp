@@ -1,6 +1,6 @@
 #define FUSE_USE_VERSION 35
 
-#include "host/mount.h"
+#include "host/mount/mount.h"
 
 #include <fuse3/fuse.h>
 #include <signal.h>
@@ -22,11 +22,11 @@
 #include <string>
 #include <vector>
 
-#include "host/adapters.h"
-#include "host/client.h"
-#include "host/mount_fs.h"
-#include "host/mount_support.h"
-#include "host/plugin.h"
+#include "host/core/adapters.h"
+#include "host/core/client.h"
+#include "host/mount/mount_fs.h"
+#include "host/mount/mount_support.h"
+#include "host/core/plugin.h"
 
 namespace plughost {
 

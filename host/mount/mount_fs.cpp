@@ -1,4 +1,4 @@
-#include "host/mount_fs.h"
+#include "host/mount/mount_fs.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,8 +9,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "host/adapters.h"
-#include "host/mount_support.h"
+#include "host/core/adapters.h"
+#include "host/mount/mount_support.h"
 
 namespace plughost {
 

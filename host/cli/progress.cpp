@@ -1,4 +1,4 @@
-#include "host/progress.h"
+#include "host/cli/progress.h"
 
 #include <sys/ioctl.h>
 #include <unistd.h>

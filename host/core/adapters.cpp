@@ -1,4 +1,4 @@
-#include "host/adapters.h"
+#include "host/core/adapters.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "host/paths.h"
+#include "host/core/paths.h"
 
 #include <vector>
 

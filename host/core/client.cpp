@@ -1,9 +1,9 @@
-#include "host/client.h"
+#include "host/core/client.h"
 
 #include <limits>
 #include <utility>
 
-#include "host/adapters.h"
+#include "host/core/adapters.h"
 
 namespace plughost {
 

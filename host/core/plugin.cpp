@@ -1,4 +1,4 @@
-#include "host/plugin.h"
+#include "host/core/plugin.h"
 
 #include <dlfcn.h>
 
