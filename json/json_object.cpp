@@ -89,6 +89,7 @@ bool JsonObject::HasObject(const char* path) {
 }
 
 JsonObject JsonObject::operator[](const char* key) {
+  if (key == nullptr) throw INVALID_PARAMETER;
   return JsonObject((*target_)[key]);
 }
 
@@ -153,12 +154,14 @@ JsonObject& JsonObject::operator=(const JsonObject& other) {
 }
 
 bool JsonObject::Insert(const char* key, const JsonObject& value) {
+  if (key == nullptr) return false;
   Json::Value copy = *value.target_;
   (*target_)[key] = std::move(copy);
   return true;
 }
 
 bool JsonObject::Insert(const char* key, const std::wstring& value) {
+  if (key == nullptr) return false;
   (*target_)[key] = Json::Value(ws2s(value));
   return true;
 }
@@ -181,6 +184,7 @@ bool JsonObject::RemoveArrayItem(unsigned long index) {
 }
 
 bool JsonObject::Remove(const char* key) {
+  if (key == nullptr) return false;
   Json::Value removed;
   return target_->removeMember(key, &removed);
 }

@@ -33,7 +33,8 @@ class LD_EXPORT JsonObject {
   // ACCESS_VIOLATION at the first missing member.
   JsonObject GetObject(const char* path);
   bool HasObject(const char* path);
-  // Views that create the member or element when missing.
+  // Views that create the member or element when missing; a null key throws
+  // INVALID_PARAMETER.
   JsonObject operator[](const char* key);
   JsonObject operator[](int index);
   // A view of the same value: not a deep copy.
@@ -57,6 +58,7 @@ class LD_EXPORT JsonObject {
   // otherwise this becomes an owner of a copy of `other`'s document.
   JsonObject& operator=(const JsonObject& other);
 
+  // Insert and Remove return false for a null key and change nothing.
   bool Insert(const char* key, const JsonObject& value);
   // Stores `value` as UTF-8; throws std::range_error for invalid code points.
   bool Insert(const char* key, const std::wstring& value);

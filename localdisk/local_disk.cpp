@@ -43,11 +43,15 @@ AERROR LocalDisk::GetChanges(IFileChanges*, char**) {
 }
 
 AERROR LocalDisk::SetOpt(const char* key, const char* value) {
-  // A null key or value is the caller's error: refuse before anything changes.
-  if (key == nullptr || value == nullptr) return INVALID_PARAMETER;
-  if (strcasecmp(key, "pid") == 0) {
+  // A null key, or a null value for an option whose value is read, is the
+  // caller's error: refuse before anything changes.
+  if (key == nullptr) return INVALID_PARAMETER;
+  const bool pid_key = strcasecmp(key, "pid") == 0;
+  const bool root_key = !pid_key && strcasecmp(key, "root_path") == 0;
+  if ((pid_key || root_key) && value == nullptr) return INVALID_PARAMETER;
+  if (pid_key) {
     pid = value;
-  } else if (strcasecmp(key, "root_path") == 0) {
+  } else if (root_key) {
     // Taken as it stands: no normalisation, no existence check.
     root_path = root_prefix + value;
   }

@@ -11,10 +11,13 @@ SuperProtocol::SuperProtocol() : SuperProtocol(nullptr) {}
 SuperProtocol::~SuperProtocol() = default;
 
 AERROR SuperProtocol::SetOpt(const char* name, const char* value) {
-  if (name == nullptr || value == nullptr) return INVALID_PARAMETER;
+  // A null name, or a null value where the value is read, is refused; the
+  // token options already ignore a null value and unknown names never read it.
+  if (name == nullptr) return INVALID_PARAMETER;
   if (strcasecmp(name, "access_token") == 0 || strcasecmp(name, "refresh_token") == 0) {
     SetTokenOption(name, value);
   } else if (strcasecmp(name, "speedlimit") == 0) {
+    if (value == nullptr) return INVALID_PARAMETER;
     speed_limit = std::atoll(value);
   }
   return SUCCESS;

@@ -23,7 +23,8 @@ class SuperProtocol : public IProtocol_V2 {
 
   // "speedlimit" (atoll of the value), "access_token"/"refresh_token" (edit the
   // auth document); names are case-insensitive, and every name is accepted.
-  // A null name or value is INVALID_PARAMETER and changes nothing.
+  // A null name, or a null "speedlimit" value, is INVALID_PARAMETER and
+  // changes nothing; a null token value changes nothing and is SUCCESS.
   AERROR SetOpt(const char* name, const char* value) override;
   std::string GetPID() override;
   // Null is ACCESS_DENIED and keeps the stored pointer.

@@ -57,10 +57,12 @@ long LocalStandardOffset(time_t reference) {
 }
 
 std::string TMToRFC3339(tm* t) {
+  if (t == nullptr) return std::string();
   return FormatFields(*t);
 }
 
 std::string TMToUTCRFC3339(tm* t) {
+  if (t == nullptr) return std::string();
   mktime(t);
   tm copy = *t;
   time_t seconds = mktime(&copy);
@@ -93,6 +95,7 @@ std::string AdjustOffsetForServerTime(long t) {
 }
 
 std::string AdjustServerTimeOffset(char const* s) {
+  if (s == nullptr) s = "";  // a null text reads as an empty one
   tm fields{};
   std::sscanf(s, "%d-%d-%dT%d:%d:%d", &fields.tm_year, &fields.tm_mon, &fields.tm_mday,
               &fields.tm_hour, &fields.tm_min, &fields.tm_sec);
@@ -109,10 +112,12 @@ std::string AdjustServerTimeOffset(char const* s) {
 }
 
 std::string NoAdjustServerTimeOffset(char const* s) {
+  if (s == nullptr) s = "";  // a null text reads as an empty one
   return std::string(s);
 }
 
 time_t RFC3339ToTM(char const* s) {
+  if (s == nullptr) s = "";  // a null text reads as an empty one
   tm fields{};
   std::sscanf(s, "%d-%d-%dT%d:%d:%d", &fields.tm_year, &fields.tm_mon, &fields.tm_mday,
               &fields.tm_hour, &fields.tm_min, &fields.tm_sec);
@@ -122,6 +127,7 @@ time_t RFC3339ToTM(char const* s) {
 }
 
 time_t RFC3339ToLocalTM(char const* s) {
+  if (s == nullptr) s = "";  // a null text reads as an empty one
   std::string text(s);
   std::istringstream in(text);
   return parse8601(std::move(in));

@@ -9,6 +9,9 @@
 
 #include "protocol/export.h"
 
+// The text readers take a null text as an empty one; the formatters of a
+// null record give an empty text.
+//
 // "%04d-%02d-%02dT%02d:%02d:%02d.000Z" of the fields as they stand.
 LD_EXPORT std::string TMToRFC3339(tm* t);
 // Treats *t as local time (normalising it in place with mktime) and formats UTC.

@@ -164,10 +164,13 @@ bool Matches(C const* expression, C const* name, bool ignore_case) {
 
 }  // namespace
 
+// A null expression or name matches nothing.
 bool IsNameInExpression(wchar_t const* expression, wchar_t const* name, bool ignore_case) {
+  if (expression == nullptr || name == nullptr) return false;
   return Matches(expression, name, ignore_case);
 }
 
 bool IsNameInExpressionA(char const* expression, char const* name, bool ignore_case) {
+  if (expression == nullptr || name == nullptr) return false;
   return Matches(expression, name, ignore_case);
 }

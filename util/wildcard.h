@@ -11,5 +11,6 @@
 //
 // A "<" at name position 0 of a name without any dot matches only the empty
 // sequence: "<" matches neither "abc" nor "abc.txt", while "a<" matches "abc".
+// A null expression or name matches nothing.
 LD_EXPORT bool IsNameInExpression(wchar_t const* expression, wchar_t const* name, bool ignore_case);
 LD_EXPORT bool IsNameInExpressionA(char const* expression, char const* name, bool ignore_case);
