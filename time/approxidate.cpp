@@ -310,7 +310,7 @@ int match_multi_number(unsigned long num, char c, char const* date, char const* 
 
   switch (c) {
     case ':':
-      if (num3 < 0) num3 = 0;
+      if (num3 == -1) num3 = 0;  // absent
       if (num <= 24 && num2 >= 0 && num2 <= 59 && num3 <= 60) {
         tm->tm_hour = static_cast<int>(num);
         tm->tm_min = static_cast<int>(num2);
@@ -423,8 +423,8 @@ int match_alpha(char const* date, atm* tm, int* offset) {
 namespace {
 
 bool NoDateYet(atm const* tm) {
-  return tm->tm_year < 0 && tm->tm_mon < 0 && tm->tm_mday < 0 && tm->tm_hour < 0 &&
-         tm->tm_min < 0 && tm->tm_sec < 0;
+  return unknown(tm->tm_year) && unknown(tm->tm_mon) && unknown(tm->tm_mday) &&
+         unknown(tm->tm_hour) && unknown(tm->tm_min) && unknown(tm->tm_sec);
 }
 
 bool IsMultiSeparator(char c) {
@@ -471,12 +471,12 @@ int match_digit(char const* date, atm* tm, int* offset, int* tm_gmt) {
   }
 
   if (n < 3) {
-    if (num > 0 && num < 32 && tm->tm_mday < 0) {
+    if (num > 0 && num < 32 && unknown(tm->tm_mday)) {
       tm->tm_mday = static_cast<int>(num);
       return n;
     }
-    if (n == 2 && tm->tm_year < 0) {
-      if (num < 10 && tm->tm_mday >= 0) {
+    if (n == 2 && unknown(tm->tm_year)) {
+      if (num < 10 && !unknown(tm->tm_mday)) {
         tm->tm_year = static_cast<int>(num) + 100;
         return n;
       }
@@ -485,7 +485,7 @@ int match_digit(char const* date, atm* tm, int* offset, int* tm_gmt) {
         return n;
       }
     }
-    if (num > 0 && num < 13 && tm->tm_mon < 0) tm->tm_mon = static_cast<int>(num) - 1;
+    if (num > 0 && num < 13 && unknown(tm->tm_mon)) tm->tm_mon = static_cast<int>(num) - 1;
   }
   return n;
 }
@@ -532,9 +532,9 @@ int match_stamp_form(char const* date, timeval* result, int* offset) {
 // ---- relative dates -----------------------------------------------------------
 
 time_t fill_and_shift(atm* tm, atm const* now, time_t sec) {
-  if (tm->tm_mday < 0) tm->tm_mday = now->tm_mday;
-  if (tm->tm_mon < 0) tm->tm_mon = now->tm_mon;
-  if (tm->tm_year < 0) {
+  if (unknown(tm->tm_mday)) tm->tm_mday = now->tm_mday;
+  if (unknown(tm->tm_mon)) tm->tm_mon = now->tm_mon;
+  if (unknown(tm->tm_year)) {
     tm->tm_year = now->tm_year;
     // A month later than the current one means last year's.
     if (tm->tm_mon > now->tm_mon) tm->tm_year--;
@@ -550,11 +550,11 @@ void flush_pending_number(atm* tm, int* num) {
   int number = *num;
   if (!number) return;
   *num = 0;
-  if (tm->tm_mday < 0 && number < 32) {
+  if (unknown(tm->tm_mday) && number < 32) {
     tm->tm_mday = number;
-  } else if (tm->tm_mon < 0 && number < 13) {
+  } else if (unknown(tm->tm_mon) && number < 13) {
     tm->tm_mon = number - 1;
-  } else if (tm->tm_year < 0) {
+  } else if (unknown(tm->tm_year)) {
     if (number > 1969 && number < 2100)
       tm->tm_year = number - 1900;
     else if (number > 69 && number < 100)
@@ -726,6 +726,8 @@ char const* approx_alpha(char const* date, atm* tm, atm const* now, int* num, in
 using namespace ldtime;
 
 int parse_date_basic(char const* date, timeval* result, int* offset) {
+  // Null pointers are refused rather than followed; a null offset is allowed.
+  if (date == nullptr || result == nullptr) return -1;
   int local_offset;
   if (!offset) offset = &local_offset;
 
@@ -774,6 +776,7 @@ int parse_date_basic(char const* date, timeval* result, int* offset) {
 }
 
 int approxidate(char const* date, tm* result) {
+  if (date == nullptr || result == nullptr) return -1;
   timeval tv{};
   int offset = 0;
   if (parse_date_basic(date, &tv, &offset) == 0) {

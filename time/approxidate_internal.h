@@ -10,6 +10,8 @@ namespace ldtime {
 
 // Working broken-down time. The first nine fields mirror struct tm; -1 in
 // sec..year means "not known yet". Microseconds travel beside them.
+// Only -1 is that marker: a relative date before 1900 has a negative year of
+// its own ("151 years" read in 2023 is year -28 since 1900) and keeps it.
 struct atm {
   int tm_sec;
   int tm_min;
@@ -22,6 +24,11 @@ struct atm {
   int tm_isdst;
   int64_t tm_usec;
 };
+
+constexpr int kUnknown = -1;
+inline bool unknown(int field) {
+  return field == kUnknown;
+}
 
 tm atm_to_tm(atm const& a);
 // A record filled from the C library has no microseconds.

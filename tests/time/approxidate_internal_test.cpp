@@ -723,6 +723,43 @@ TEST(FlushPendingNumber, YearRangesAndDrops) {
   EXPECT_EQ(r.tm_mday, -1);
 }
 
+// Only -1 is unknown: a year before 1900 is negative and known.
+TEST(FlushPendingNumber, NegativeKnownYearIsNotReplaced) {
+  atm r = Unknown();
+  r.tm_mday = 14;
+  r.tm_mon = 10;
+  r.tm_year = -28;  // 1872
+  int num = 99;
+  flush_pending_number(&r, &num);
+  EXPECT_EQ(r.tm_year, -28);
+  EXPECT_EQ(num, 0);
+}
+
+TEST(FillAndShift, ReplacesOnlyAnUnknownYear) {
+  TzGuard tz(timetest::kUtc);
+  atm const now = Fields(2023, 11, 14, 22, 13, 20);
+  atm r = Unknown();
+  r.tm_hour = 22;
+  r.tm_min = 13;
+  r.tm_sec = 20;
+  r.tm_year = -28;
+  EXPECT_EQ(fill_and_shift(&r, &now, 0), Utc(1872, 11, 14, 22, 13, 20));
+  EXPECT_EQ(r.tm_year, -28);
+  EXPECT_EQ(r.tm_mon, 10);
+  EXPECT_EQ(r.tm_mday, 14);
+  r.tm_year = -1;  // unknown: now's year
+  EXPECT_EQ(fill_and_shift(&r, &now, 86400), Utc(2023, 11, 13, 22, 13, 20));
+  r = Unknown();
+  r.tm_hour = 0;
+  r.tm_min = 0;
+  r.tm_sec = 0;
+  r.tm_year = -609;  // 1291
+  r.tm_mon = 9;
+  r.tm_mday = 22;
+  EXPECT_EQ(fill_and_shift(&r, &now, 0), Utc(1291, 10, 22));
+  EXPECT_EQ(r.tm_year, -609);
+}
+
 TEST(ApproxDigit, LeadingZeroOnlyForShortNumbers) {
   atm r = Unknown();
   int num = 0;

@@ -5,6 +5,7 @@
 //   FakeClockFri20240315: Friday    2024-03-15 10:30:00 UTC (1710498600)
 //   FakeClockWed20240110: Wednesday 2024-01-10 08:00:00 UTC (1704873600)
 //   FakeClockMon20240701: Monday    2024-07-01 06:00:00 UTC (1719813600)
+//   FakeClockTue20231114: Tuesday   2023-11-14 22:13:20 UTC (1700000000)
 #include <sys/time.h>
 
 #include <gtest/gtest.h>
@@ -51,10 +52,13 @@ class FakeClock : public ::testing::Test {
 constexpr int64_t kFri = Utc(2024, 3, 15, 10, 30);
 constexpr int64_t kWed = Utc(2024, 1, 10, 8);
 constexpr int64_t kMon = Utc(2024, 7, 1, 6);
+constexpr int64_t kTue = 1700000000;
+static_assert(kTue == Utc(2023, 11, 14, 22, 13, 20));
 
 using FakeClockFri20240315 = FakeClock<kFri>;
 using FakeClockWed20240110 = FakeClock<kWed>;
 using FakeClockMon20240701 = FakeClock<kMon>;
+using FakeClockTue20231114 = FakeClock<kTue>;
 
 }  // namespace
 
@@ -255,4 +259,49 @@ TEST_F(FakeClockMon20240701, NewYork) {
   EXPECT_EQ(Approx("noon"), Utc(2024, 6, 30, 16));
   EXPECT_EQ(Approx("last friday"), Utc(2024, 6, 28, 6));
   EXPECT_EQ(Approx("midnight"), Utc(2024, 7, 1, 4));
+}
+
+// ==== Tuesday 2023-11-14 22:13:20 UTC: dates before 1900 ========================================
+// Only -1 marks an unknown year; a relative date that lands before 1900 has a
+// negative year since 1900 of its own, which the final fill keeps.
+
+TEST_F(FakeClockTue20231114, UtcYearsBefore1900) {
+  TzGuard tz(timetest::kUtc);
+  EXPECT_EQ(Approx("151 years"), Utc(1872, 11, 14, 22, 13, 20));
+  EXPECT_EQ(Approx("151 years ago"), Utc(1872, 11, 14, 22, 13, 20));
+  EXPECT_EQ(Approx("123 years"), Utc(1900, 11, 14, 22, 13, 20));  // year 0 since 1900
+  EXPECT_EQ(Approx("125 years"), Utc(1898, 11, 14, 22, 13, 20));
+  EXPECT_EQ(Approx("2000 years ago"), Utc(23, 11, 14, 22, 13, 20));
+}
+
+TEST_F(FakeClockTue20231114, UtcUnitsBefore1900) {
+  TzGuard tz(timetest::kUtc);
+  EXPECT_EQ(Approx("267380 days"), Utc(1291, 10, 22, 22, 13, 20));
+  EXPECT_EQ(Approx("10000 weeks ago"), Utc(1832, 3, 20, 22, 13, 20));
+  // 250 years of borrowed months.
+  EXPECT_EQ(Approx("3000 months"), Utc(1773, 11, 14, 22, 13, 20));
+}
+
+TEST_F(FakeClockTue20231114, UtcKnownPre1900YearSurvivesLaterWords) {
+  TzGuard tz(timetest::kUtc);
+  // Each later fill and shift sees a known year and leaves it.
+  EXPECT_EQ(Approx("200 years yesterday"), Utc(1823, 11, 13, 22, 13, 20));
+  EXPECT_EQ(Approx("200 years ago noon"), Utc(1823, 11, 14, 12));
+  EXPECT_EQ(Approx("200 years 3 days ago"), Utc(1823, 11, 11, 22, 13, 20));
+  // December read in November is last year's December, then 151 years back.
+  EXPECT_EQ(Approx("december 151 years ago"), Utc(1871, 12, 14, 22, 13, 20));
+}
+
+TEST_F(FakeClockTue20231114, UtcLastModifiedTextBefore1000) {
+  TzGuard tz(timetest::kUtc);
+  EXPECT_EQ(convert_last_modified_to_rfc3339("2000 years ago"), "0023-11-14T22:13:20.000Z");
+  EXPECT_EQ(convert_last_modified_to_rfc3339("151 years"), "1872-11-14T22:13:20.000Z");
+  EXPECT_EQ(convert_last_modified_to_rfc3339("267380 days"), "1291-10-22T22:13:20.000Z");
+}
+
+TEST_F(FakeClockTue20231114, ParisYearsBefore1900) {
+  TzGuard tz(timetest::kParis);  // 23:13:20 local, CET
+  EXPECT_EQ(Approx("151 years"), Utc(1872, 11, 14, 22, 13, 20));
+  // approxidate answers in UTC whatever the zone.
+  EXPECT_EQ(convert_last_modified_to_rfc3339("151 years"), "1872-11-14T22:13:20.000Z");
 }
