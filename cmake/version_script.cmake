@@ -1,5 +1,5 @@
 # Writes the linker version script of the plug-in from the export allowlists
-# (tests/exports/*.exports, one demangled symbol a line). Hidden visibility
+# (localdisk/exports/*.exports, one demangled symbol a line). Hidden visibility
 # already keeps our own internals out of the dynamic table; the script also
 # keeps out the standard-library template instances that libstdc++ declares
 # with default visibility, so the plug-in's interface is exactly the lists.
