@@ -21,10 +21,12 @@ cmake --build "$work/build" >/dev/null
 
 # pkg-config gives a host the same headers and library.
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
-cflags=$(pkg-config --cflags localdisk)
-libs=$(pkg-config --libs localdisk)
-"$cxx" -std=c++17 -Wall -Wextra -Werror $flags $cflags -o "$work/link_exports_pc" \
-  "$project/link_exports.cpp" $libs
+# Flag lists are split into words on purpose.
+read -ra flag_words <<<"$flags"
+read -ra cflags <<<"$(pkg-config --cflags localdisk)"
+read -ra libs <<<"$(pkg-config --libs localdisk)"
+"$cxx" -std=c++17 -Wall -Wextra -Werror "${flag_words[@]}" "${cflags[@]}" \
+  -o "$work/link_exports_pc" "$project/link_exports.cpp" "${libs[@]}"
 
 "$work/build/host_contract" "$plugin"
 LD_LIBRARY_PATH="$libdir" "$work/build/link_exports"

@@ -168,26 +168,33 @@ int main(int argc, char** argv) {
   CHECK(protocol->GetCredential(buffer, &length) == INSUFFICIENT_BUFFER && length == 0);
   CHECK(protocol->GetCredential(buffer, nullptr) == INVALID_PARAMETER);
 
-  // A real directory as the root: the file operations answer through the interface.
-  char root[] = "/tmp/localdisk-host-XXXXXX";
-  if (mkdtemp(root) != nullptr) {
-    std::string file_path = std::string(root) + "/a.txt";
-    if (FILE* f = std::fopen(file_path.c_str(), "w")) {
-      std::fputs("hello", f);
-      std::fclose(f);
-    }
-    protocol->SetOpt("root_path", root);
-    _FS_FILE_V2 record;
-    AERROR info = protocol->GetFileInfo(file_path.c_str(), &record, nullptr);
-    if (info != NOT_SUPPORTED) {
-      CHECK(info == SUCCESS && record.type == 1 && record.size == 5 && record.name == "a.txt");
-      Listing listing;
-      CHECK(protocol->GetFileList(root, &listing, nullptr) == SUCCESS);
-      CHECK(listing.names.size() == 1 && listing.names[0] == "a.txt");
-    }
-    unlink(file_path.c_str());
-    rmdir(root);
+  // A real directory as the root: the file operations answer through the
+  // interface. A precondition that cannot be set up fails the run.
+  const char* tmp = std::getenv("TMPDIR");
+  std::string pattern =
+      std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/localdisk-host-XXXXXX";
+  std::vector<char> root(pattern.begin(), pattern.end());
+  root.push_back('\0');
+  if (mkdtemp(root.data()) == nullptr) {
+    std::perror("host_contract: mkdtemp");
+    return 1;
   }
+  const std::string file_path = std::string(root.data()) + "/a.txt";
+  FILE* f = std::fopen(file_path.c_str(), "w");
+  CHECK(f != nullptr);
+  if (f != nullptr) {
+    CHECK(std::fputs("hello", f) >= 0);
+    CHECK(std::fclose(f) == 0);
+  }
+  CHECK(protocol->SetOpt("root_path", root.data()) == SUCCESS);
+  _FS_FILE_V2 record;
+  CHECK(protocol->GetFileInfo(file_path.c_str(), &record, nullptr) == SUCCESS);
+  CHECK(record.type == 1 && record.size == 5 && record.name == "a.txt");
+  Listing listing;
+  CHECK(protocol->GetFileList(root.data(), &listing, nullptr) == SUCCESS);
+  CHECK(listing.names.size() == 1 && listing.names[0] == "a.txt");
+  CHECK(unlink(file_path.c_str()) == 0);
+  CHECK(rmdir(root.data()) == 0);
 
   protocol->Release();
   unbind_logger();
