@@ -39,12 +39,8 @@ constexpr long long kChunk = 524288;
 using test_support::Exists;
 using test_support::Pattern;
 using test_support::ReadFile;
+using test_support::TempDir;
 using test_support::WriteFile;
-
-class TempDir : public test_support::TempDir {
- public:
-  TempDir() : test_support::TempDir("localdisk-hardening") {}
-};
 
 // A tmpfs of `bytes` mounted on a directory inside `parent`, in a mount
 // namespace of this process's own where the kernel allows one (so nothing

@@ -26,19 +26,16 @@
 #include "localdisk/local_disk.h"
 #include "protocol/host_interfaces.h"
 #include "tests/support/files.h"
+#include "tests/support/time_zone.h"
 
 namespace backend_test {
 
 using test_support::Exists;
 using test_support::Pattern;
 using test_support::ReadFile;
+using test_support::TempDir;
+using test_support::TzGuard;
 using test_support::WriteFile;
-
-// The backend tests' directories are named after them.
-class TempDir : public test_support::TempDir {
- public:
-  TempDir() : test_support::TempDir("localdisk-backend") {}
-};
 
 // Sets the modification (and access) time of `path` to a local wall-clock time.
 inline time_t SetLocalTimes(const std::string& path, int year, int month, int day, int hour,
@@ -56,26 +53,6 @@ inline time_t SetLocalTimes(const std::string& path, int year, int month, int da
   if (utimes(path.c_str(), times) != 0) std::abort();
   return t;
 }
-
-// Pins the time zone for the scope and restores the previous one.
-class ScopedTimeZone {
- public:
-  explicit ScopedTimeZone(const char* tz) {
-    if (const char* old = std::getenv("TZ")) previous_ = old;
-    setenv("TZ", tz, 1);
-    tzset();
-  }
-  ~ScopedTimeZone() {
-    if (previous_)
-      setenv("TZ", previous_->c_str(), 1);
-    else
-      unsetenv("TZ");
-    tzset();
-  }
-
- private:
-  std::optional<std::string> previous_;
-};
 
 // Sets or clears one environment variable for the scope.
 class ScopedEnv {

@@ -172,7 +172,7 @@ TEST(Concurrency, EightThreadsShareOneObject) {
   // With TZ unset the C library reloads its zone name on every mktime, under
   // an internal lock that the thread checker cannot see; a pinned zone, loaded
   // once up front as a host does at start-up, keeps its reports meaningful.
-  ScopedTimeZone zone("CST-8");
+  TzGuard zone("CST-8");
   time_t now = time(nullptr);
   tm fields;
   localtime_r(&now, &fields);

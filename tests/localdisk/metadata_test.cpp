@@ -174,7 +174,7 @@ TEST_F(Metadata, ModifyTimeShowsLocalWallClockInEachZone) {
   // The text carries the local fields with a fixed "Z", whatever the zone.
   for (const char* zone :
        {"UTC0", "CST-8", "EST5EDT,M3.2.0,M11.1.0", "NZST-12NZDT,M9.5.0,M4.1.0/3"}) {
-    ScopedTimeZone tz(zone);
+    TzGuard tz(zone);
     WriteFile(dir / "t.txt", "x");
     SetLocalTimes(dir / "t.txt", 2024, 3, 20, 14, 5, 9);
     _FS_FILE_V2 file;
@@ -189,13 +189,13 @@ TEST_F(Metadata, SameInstantShowsDifferentFieldsInDifferentZones) {
   timeval times[2] = {{1704110400, 0}, {1704110400, 0}};  // 2024-01-01T12:00:00 UTC
   ASSERT_EQ(utimes((dir / "t.txt").c_str(), times), 0);
   {
-    ScopedTimeZone tz("UTC0");
+    TzGuard tz("UTC0");
     _FS_FILE_V2 file;
     ASSERT_EQ(disk.GetFileInfo((dir / "t.txt").c_str(), &file, nullptr), SUCCESS);
     EXPECT_EQ(file.modify_time, "2024-01-01T12:00:00.000Z");
   }
   {
-    ScopedTimeZone tz("CST-8");
+    TzGuard tz("CST-8");
     _FS_FILE_V2 file;
     ASSERT_EQ(disk.GetFileInfo((dir / "t.txt").c_str(), &file, nullptr), SUCCESS);
     EXPECT_EQ(file.modify_time, "2024-01-01T20:00:00.000Z");
@@ -203,7 +203,7 @@ TEST_F(Metadata, SameInstantShowsDifferentFieldsInDifferentZones) {
 }
 
 TEST_F(Metadata, SubSecondPartsAreDropped) {
-  ScopedTimeZone tz("UTC0");
+  TzGuard tz("UTC0");
   WriteFile(dir / "t.txt", "x");
   timeval times[2] = {{1704110400, 999999}, {1704110400, 999999}};
   ASSERT_EQ(utimes((dir / "t.txt").c_str(), times), 0);
@@ -228,7 +228,7 @@ TEST_F(Metadata, FillDataTestsOnlyTheDirectoryBit) {
 }
 
 TEST_F(Metadata, FillDataJoinsTheParentAndCopiesSize) {
-  ScopedTimeZone tz("UTC0");
+  TzGuard tz("UTC0");
   struct stat st {};
   st.st_mode = S_IFREG;
   st.st_size = 1234567890123LL;

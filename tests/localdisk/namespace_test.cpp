@@ -326,7 +326,7 @@ TEST_F(Namespace, DeleteDirectoryForwardsToTheVirtualDelete) {
 }
 
 TEST_F(Namespace, SetFileTimeReadsTheTextAsLocalStandardTime) {
-  ScopedTimeZone tz("CST-8");
+  TzGuard tz("CST-8");
   _FS_FILE_V2 file;
   file.id = "untouched";
   ASSERT_EQ(disk.SetFileTime((dir / "a/x.txt").c_str(), "ignored", "2024-01-01T12:00:00.000Z",
@@ -344,7 +344,7 @@ TEST_F(Namespace, SetFileTimeReadsTheTextAsLocalStandardTime) {
 }
 
 TEST_F(Namespace, SetFileTimeRoundTripsWithGetFileInfo) {
-  ScopedTimeZone tz("UTC0");
+  TzGuard tz("UTC0");
   ASSERT_EQ(disk.SetFileTime((dir / "a/x.txt").c_str(), "", "2023-05-06T07:08:09.000Z",
                              "2022-10-11T12:13:14.000Z", nullptr, nullptr),
             SUCCESS);
@@ -380,7 +380,7 @@ TEST_F(Namespace, SetFileTimeOnAFifoIsNotFound) {
 }
 
 TEST_F(Namespace, SetFileTimeOnADirectory) {
-  ScopedTimeZone tz("UTC0");
+  TzGuard tz("UTC0");
   EXPECT_EQ(disk.SetFileTime((dir / "b").c_str(), "", "2020-01-01T00:00:00.000Z",
                              "2020-01-02T00:00:00.000Z", nullptr, nullptr),
             SUCCESS);

@@ -503,7 +503,9 @@ TEST(NullArgumentsBase, SuperProtocolSetOptRefusesWhatItWouldFollow) {
                                                   {"refresh_token", SUCCESS},
                                                   {"other", SUCCESS},
                                                   {nullptr, INVALID_PARAMETER}};
-  for (const auto& [key, expected] : cases) {
+  for (const auto& entry : cases) {
+    const char* const key = entry.first;  // a plain name: lambdas cannot capture bindings
+    const AERROR expected = entry.second;
     const std::string label = key != nullptr ? key : "<null key>";
     const Outcome outcome = RunForked([&](int report[2]) {
       TestProtocol protocol;

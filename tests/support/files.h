@@ -42,6 +42,8 @@ class TempDir {
 
   const std::string& path() const { return path_; }
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+  // Writes `content` to the file `name` inside the directory; its path.
+  std::string Write(const std::string& name, const std::string& content) const;
 
  private:
   std::string path_;
@@ -53,6 +55,12 @@ inline void WriteFile(const std::string& path, const std::string& content) {
   if (!content.empty() && std::fwrite(content.data(), 1, content.size(), f) != content.size())
     std::abort();
   if (std::fclose(f) != 0) std::abort();
+}
+
+inline std::string TempDir::Write(const std::string& name, const std::string& content) const {
+  const std::string path = *this / name;
+  WriteFile(path, content);
+  return path;
 }
 
 // The whole content, or "<missing>" when the file cannot be opened.

@@ -4,13 +4,13 @@
 #include <climits>
 #include <cstring>
 
+#include "tests/support/time_zone.h"
 #include "tests/time/civil.h"
-#include "tests/time/tz_guard.h"
 #include "time/approxidate_internal.h"
 #include "time/sane_ctype_internal.h"
 
 using namespace ldtime;
-using timetest::TzGuard;
+using test_support::TzGuard;
 using timetest::Utc;
 
 namespace {
@@ -661,7 +661,7 @@ atm Pending(atm now) {
 }  // namespace
 
 TEST(FillAndShift, FillsUnknownDateFieldsFromNow) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   atm now = NowRecord();
   atm r = Pending(now);
   EXPECT_EQ(fill_and_shift(&r, &now, 0), Utc(2024, 3, 15, 10, 30));
@@ -670,7 +670,7 @@ TEST(FillAndShift, FillsUnknownDateFieldsFromNow) {
 }
 
 TEST(FillAndShift, LaterMonthMeansLastYear) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   atm now = NowRecord();
   atm r = Pending(now);
   r.tm_mon = 11;
@@ -681,7 +681,7 @@ TEST(FillAndShift, LaterMonthMeansLastYear) {
 }
 
 TEST(FillAndShift, ShiftsBackBySeconds) {
-  TzGuard tz(timetest::kEast8);
+  TzGuard tz(test_support::kEast8);
   atm now = NowRecord();
   atm r = Pending(now);
   EXPECT_EQ(fill_and_shift(&r, &now, 3600), Utc(2024, 3, 15, 9, 30));
@@ -736,7 +736,7 @@ TEST(FlushPendingNumber, NegativeKnownYearIsNotReplaced) {
 }
 
 TEST(FillAndShift, ReplacesOnlyAnUnknownYear) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   atm const now = Fields(2023, 11, 14, 22, 13, 20);
   atm r = Unknown();
   r.tm_hour = 22;
@@ -786,7 +786,7 @@ TEST(SpecialHandlers, TableOrder) {
 }
 
 TEST(SpecialHandlers, PmAndAmTakeThePendingNumber) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   atm now = NowRecord();
   atm r = Pending(now);
   int num = 5;
@@ -813,7 +813,7 @@ TEST(SpecialHandlers, PmAndAmTakeThePendingNumber) {
 }
 
 TEST(SpecialHandlers, NeverKeepsThePendingNumber) {
-  TzGuard tz(timetest::kEast8);
+  TzGuard tz(test_support::kEast8);
   atm now = NowRecord();
   atm r = Pending(now);
   int num = 3;
@@ -826,7 +826,7 @@ TEST(SpecialHandlers, NeverKeepsThePendingNumber) {
 }
 
 TEST(SpecialHandlers, OtherHandlersLeaveThePendingNumber) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   atm now = NowRecord();
   for (special_handler fn : {date_yesterday, date_noon, date_midnight, date_tea, date_now}) {
     atm r = Pending(now);
@@ -837,7 +837,7 @@ TEST(SpecialHandlers, OtherHandlersLeaveThePendingNumber) {
 }
 
 TEST(SpecialHandlers, NoonMidnightTea) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   atm now = NowRecord();  // 10:30
   atm r = Pending(now);
   int num = 0;

@@ -10,11 +10,11 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/time_zone.h"
 #include "tests/time/civil.h"
-#include "tests/time/tz_guard.h"
 #include "time/rfc3339.h"
 
-using timetest::TzGuard;
+using test_support::TzGuard;
 using timetest::Utc;
 
 namespace {
@@ -30,7 +30,7 @@ tm Sentinel() {
 
 TEST(Approxidate, StrictTextGivesTheUtcBreakdown) {
   for (char const* zone :
-       {timetest::kUtc, timetest::kEast8, timetest::kParis, timetest::kNewYork}) {
+       {test_support::kUtc, test_support::kEast8, test_support::kParis, test_support::kNewYork}) {
     TzGuard tz(zone);
     tm out = Sentinel();
     ASSERT_EQ(approxidate("Sat, 14 Jan 2023 08:00:00 EDT", &out), 0) << zone;
@@ -47,7 +47,7 @@ TEST(Approxidate, StrictTextGivesTheUtcBreakdown) {
 }
 
 TEST(Approxidate, StrictTextWithoutZoneIsLocalTime) {
-  TzGuard tz(timetest::kEast8);
+  TzGuard tz(test_support::kEast8);
   tm out = Sentinel();
   ASSERT_EQ(approxidate("2023-01-15 10:20:30", &out), 0);
   EXPECT_EQ(out.tm_mday, 15);
@@ -56,7 +56,7 @@ TEST(Approxidate, StrictTextWithoutZoneIsLocalTime) {
 }
 
 TEST(Approxidate, FailureLeavesTheResultUntouched) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   for (char const* text : {"", "friday", "garbage", "   ", "ago", "Friday!", "\xC3\xA9t\xC3\xA9"}) {
     tm out = Sentinel();
     EXPECT_EQ(approxidate(text, &out), -1) << text;
@@ -66,7 +66,7 @@ TEST(Approxidate, FailureLeavesTheResultUntouched) {
 }
 
 TEST(Approxidate, NeverIsTheEpoch) {
-  for (char const* zone : {timetest::kUtc, timetest::kEast8, timetest::kNewYork}) {
+  for (char const* zone : {test_support::kUtc, test_support::kEast8, test_support::kNewYork}) {
     TzGuard tz(zone);
     tm out = Sentinel();
     ASSERT_EQ(approxidate("never", &out), 0);
@@ -75,7 +75,7 @@ TEST(Approxidate, NeverIsTheEpoch) {
 }
 
 TEST(Approxidate, NeverKeepsThePendingNumber) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   tm out = Sentinel();
   // "3" is still pending after "never", so "days" goes back from the epoch.
   ASSERT_EQ(approxidate("3 never days", &out), 0);
@@ -83,7 +83,7 @@ TEST(Approxidate, NeverKeepsThePendingNumber) {
 }
 
 TEST(Approxidate, ConcurrentCallsAgree) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   std::vector<std::thread> threads;
   std::vector<int> ok(4, 0);
   for (int i = 0; i < 4; ++i) {
@@ -109,7 +109,7 @@ TEST(Approxidate, ConcurrentCallsAgree) {
 // ---- convert_last_modified_to_rfc3339 --------------------------------------------------------
 
 TEST(ConvertLastModified, FormatsTheUtcFields) {
-  TzGuard tz(timetest::kEast8);
+  TzGuard tz(test_support::kEast8);
   EXPECT_EQ(convert_last_modified_to_rfc3339("Sat, 14 Jan 2023 08:00:00 GMT"),
             "2023-01-14T08:00:00.000Z");
   EXPECT_EQ(convert_last_modified_to_rfc3339("Sat, 14 Jan 2023 08:00:00 +0200"),
@@ -118,13 +118,13 @@ TEST(ConvertLastModified, FormatsTheUtcFields) {
 }
 
 TEST(ConvertLastModified, UnreadableTextPrintsTheZeroedFields) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(convert_last_modified_to_rfc3339(""), "1900-01-00T00:00:00.000Z");
   EXPECT_EQ(convert_last_modified_to_rfc3339("friday"), "1900-01-00T00:00:00.000Z");
 }
 
 TEST(ConvertLastModified, FieldsAreSixteenBitUnsigned) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   // Year 67560 prints as 67560 - 65536 = 2024.
   std::string text = "@" + std::to_string(Utc(67560, 1, 1)) + " +0000";
   EXPECT_EQ(convert_last_modified_to_rfc3339(text), "2024-01-01T00:00:00.000Z");
@@ -133,6 +133,6 @@ TEST(ConvertLastModified, FieldsAreSixteenBitUnsigned) {
 }
 
 TEST(ConvertLastModified, ResultIs24Characters) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(convert_last_modified_to_rfc3339("@1673690400 +0100").size(), 24u);
 }

@@ -5,11 +5,11 @@
 
 #include <string>
 
+#include "tests/support/time_zone.h"
 #include "tests/time/civil.h"
-#include "tests/time/tz_guard.h"
 #include "time/approxidate.h"
 
-using timetest::TzGuard;
+using test_support::TzGuard;
 using timetest::Utc;
 
 namespace {
@@ -258,7 +258,7 @@ TEST(ParseDateBasicTable, HasAtLeast150Rows) {
 }
 
 TEST(ParseDateBasicTable, EveryRowInUtc) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   for (Row const& row : kRows) {
     SCOPED_TRACE(std::string("input: \"") + row.input + "\"");
     timeval tv{};
@@ -274,7 +274,7 @@ TEST(ParseDateBasicTable, EveryRowInUtc) {
 }
 
 TEST(ParseDateBasicTable, NullOffsetPointerIsAllowed) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   for (Row const& row : kRows) {
     timeval tv{};
     tv.tv_usec = kUntouched;
@@ -287,7 +287,7 @@ TEST(ParseDateBasicTable, NullOffsetPointerIsAllowed) {
 }
 
 TEST(ParseDateBasicTable, OffsetIsWrittenEvenOnFailure) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   timeval tv{};
   int offset = 12345;
   EXPECT_EQ(parse_date_basic("2023-01-14 EDT", &tv, &offset), -1);
@@ -318,7 +318,7 @@ Parsed Parse(char const* text) {
 }  // namespace
 
 TEST(ParseDateBasicZones, East8WithoutSummerTime) {
-  TzGuard tz(timetest::kEast8);
+  TzGuard tz(test_support::kEast8);
   Parsed p = Parse("2023-01-15 10:20:30");
   EXPECT_EQ(p.ret, 0);
   EXPECT_EQ(p.offset, 480);
@@ -336,7 +336,7 @@ TEST(ParseDateBasicZones, East8WithoutSummerTime) {
 }
 
 TEST(ParseDateBasicZones, ParisFollowsSummerTimeForWallClockFields) {
-  TzGuard tz(timetest::kParis);
+  TzGuard tz(test_support::kParis);
   Parsed p = Parse("2023-01-15 10:00");
   EXPECT_EQ(p.offset, 60);
   EXPECT_EQ(p.sec, Utc(2023, 1, 15, 9));
@@ -346,7 +346,7 @@ TEST(ParseDateBasicZones, ParisFollowsSummerTimeForWallClockFields) {
 }
 
 TEST(ParseDateBasicZones, ParisEpochSecondsCarryStandardOffset) {
-  TzGuard tz(timetest::kParis);
+  TzGuard tz(test_support::kParis);
   // The fields come from gmtime with tm_isdst = 0, so mktime reads them as
   // standard time even in July.
   Parsed p = Parse("1689415200");  // 2023-07-15T10:00:00Z
@@ -355,7 +355,7 @@ TEST(ParseDateBasicZones, ParisEpochSecondsCarryStandardOffset) {
 }
 
 TEST(ParseDateBasicZones, NewYorkWestOfUtc) {
-  TzGuard tz(timetest::kNewYork);
+  TzGuard tz(test_support::kNewYork);
   Parsed p = Parse("2023-01-15 10:00");
   EXPECT_EQ(p.offset, -300);
   EXPECT_EQ(p.sec, Utc(2023, 1, 15, 15));

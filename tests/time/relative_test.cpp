@@ -12,12 +12,12 @@
 
 #include <optional>
 
+#include "tests/support/time_zone.h"
 #include "tests/time/civil.h"
-#include "tests/time/tz_guard.h"
 #include "time/approxidate.h"
 #include "time/rfc3339.h"
 
-using timetest::TzGuard;
+using test_support::TzGuard;
 using timetest::Utc;
 
 namespace {
@@ -72,7 +72,7 @@ TEST_F(FakeClockFri20240315, ClockIsFrozenAtTheInstant) {
 }
 
 TEST_F(FakeClockFri20240315, UtcDayWords) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Approx("now"), kFri);
   EXPECT_EQ(Approx("yesterday"), Utc(2024, 3, 14, 10, 30));
   EXPECT_EQ(Approx("noon"), Utc(2024, 3, 14, 12));  // before noon: yesterday's
@@ -85,7 +85,7 @@ TEST_F(FakeClockFri20240315, UtcDayWords) {
 }
 
 TEST_F(FakeClockFri20240315, UtcHoursWithPmAndAm) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Approx("5pm"), Utc(2024, 3, 15, 17));
   EXPECT_EQ(Approx("5 PM"), Utc(2024, 3, 15, 17));
   EXPECT_EQ(Approx("pm"), Utc(2024, 3, 15, 22, 30));  // no number: the current hour
@@ -95,7 +95,7 @@ TEST_F(FakeClockFri20240315, UtcHoursWithPmAndAm) {
 }
 
 TEST_F(FakeClockFri20240315, UtcUnitsAgo) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Approx("3 days ago"), Utc(2024, 3, 12, 10, 30));
   EXPECT_EQ(Approx("two weeks"), Utc(2024, 3, 1, 10, 30));
   EXPECT_EQ(Approx("one week"), Utc(2024, 3, 8, 10, 30));
@@ -110,7 +110,7 @@ TEST_F(FakeClockFri20240315, UtcUnitsAgo) {
 }
 
 TEST_F(FakeClockFri20240315, UtcWeekdays) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Approx("last friday"), Utc(2024, 3, 8, 10, 30));  // today is Friday: a week ago
   EXPECT_EQ(Approx("2 fridays"), Utc(2024, 3, 1, 10, 30));
   EXPECT_EQ(Approx("last monday"), Utc(2024, 3, 11, 10, 30));
@@ -120,7 +120,7 @@ TEST_F(FakeClockFri20240315, UtcWeekdays) {
 }
 
 TEST_F(FakeClockFri20240315, UtcMonthsAndYears) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Approx("december"), Utc(2023, 12, 15, 10, 30));  // later month: last year's
   EXPECT_EQ(Approx("march"), Utc(2024, 3, 15, 10, 30));
   EXPECT_EQ(Approx("feb"), Utc(2024, 2, 15, 10, 30));
@@ -134,7 +134,7 @@ TEST_F(FakeClockFri20240315, UtcMonthsAndYears) {
 }
 
 TEST_F(FakeClockFri20240315, UtcNumbers) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Approx("Dec 02"), Utc(2023, 12, 2, 10, 30));
   EXPECT_EQ(Approx("Dec 0002"), Utc(2023, 12, 15, 10, 30));  // padded long number dropped
   EXPECT_EQ(Approx("10/02"), Utc(2024, 2, 10, 10, 30));      // October 2 is too far ahead
@@ -142,7 +142,7 @@ TEST_F(FakeClockFri20240315, UtcNumbers) {
 }
 
 TEST_F(FakeClockFri20240315, UtcDateWithoutTimeOfDay) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Basic("2023-01-15"), std::nullopt);               // hour unknown
   EXPECT_EQ(Approx("2023-01-15"), Utc(2023, 1, 15, 10, 30));  // at the current time of day
   EXPECT_EQ(convert_last_modified_to_rfc3339("2023-01-15"), "2023-01-15T10:30:00.000Z");
@@ -150,7 +150,7 @@ TEST_F(FakeClockFri20240315, UtcDateWithoutTimeOfDay) {
 }
 
 TEST_F(FakeClockFri20240315, UtcTenDayFutureRule) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   // Year-first more than ten days ahead: read as year-day-month instead.
   EXPECT_EQ(Approx("2024-12-03"), Utc(2024, 3, 12, 10, 30));
   EXPECT_EQ(Approx("2024-03-20"), Utc(2024, 3, 20, 10, 30));  // five days ahead is fine
@@ -164,7 +164,7 @@ TEST_F(FakeClockFri20240315, UtcTenDayFutureRule) {
 }
 
 TEST_F(FakeClockFri20240315, East8) {
-  TzGuard tz(timetest::kEast8);  // local: Friday 18:30
+  TzGuard tz(test_support::kEast8);  // local: Friday 18:30
   EXPECT_EQ(Approx("3 days ago"), Utc(2024, 3, 12, 10, 30));
   EXPECT_EQ(Approx("noon"), Utc(2024, 3, 15, 4));
   EXPECT_EQ(Approx("yesterday noon"), Utc(2024, 3, 14, 4));
@@ -179,7 +179,7 @@ TEST_F(FakeClockFri20240315, East8) {
 }
 
 TEST_F(FakeClockFri20240315, NewYorkAfterTheSpringChange) {
-  TzGuard tz(timetest::kNewYork);  // local: Friday 06:30 EDT
+  TzGuard tz(test_support::kNewYork);  // local: Friday 06:30 EDT
   // Shifts are in seconds, so two weeks back lands on 05:30 EST.
   EXPECT_EQ(Approx("two weeks"), Utc(2024, 3, 1, 10, 30));
   EXPECT_EQ(Approx("last friday"), Utc(2024, 3, 8, 10, 30));
@@ -195,7 +195,7 @@ TEST_F(FakeClockFri20240315, NewYorkAfterTheSpringChange) {
 // ==== Wednesday 2024-01-10 08:00:00 UTC =========================================================
 
 TEST_F(FakeClockWed20240110, UtcWeekdaysAndMonths) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Approx("last friday"), Utc(2024, 1, 5, 8));
   EXPECT_EQ(Approx("2 fridays"), Utc(2023, 12, 29, 8));
   EXPECT_EQ(Approx("last wednesday"), Utc(2024, 1, 3, 8));
@@ -208,7 +208,7 @@ TEST_F(FakeClockWed20240110, UtcWeekdaysAndMonths) {
 }
 
 TEST_F(FakeClockWed20240110, UtcMonthDayYearReadings) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Approx("12/25/2023"), Utc(2023, 12, 25, 8));
   // December 25 of this year is too far ahead and 25 is no month: the
   // numbers are read one by one, 12 the day and 25 the year 2025.
@@ -216,14 +216,14 @@ TEST_F(FakeClockWed20240110, UtcMonthDayYearReadings) {
 }
 
 TEST_F(FakeClockWed20240110, UtcTenDayBoundary) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Basic("08:00:00 2024-01-20"), Utc(2024, 1, 20, 8));  // exactly ten days ahead
   EXPECT_EQ(Basic("08:00:01 2024-01-20"), std::nullopt);         // one second more
   EXPECT_EQ(Basic("10:00 2024-01-19"), Utc(2024, 1, 19, 10));
 }
 
 TEST_F(FakeClockWed20240110, East8) {
-  TzGuard tz(timetest::kEast8);                  // local: Wednesday 16:00
+  TzGuard tz(test_support::kEast8);              // local: Wednesday 16:00
   EXPECT_EQ(Approx("tea"), Utc(2024, 1, 9, 9));  // before five: yesterday's
   EXPECT_EQ(Approx("noon"), Utc(2024, 1, 10, 4));
   EXPECT_EQ(Approx("midnight"), Utc(2024, 1, 9, 16));
@@ -233,7 +233,7 @@ TEST_F(FakeClockWed20240110, East8) {
 // ===============================================================
 
 TEST_F(FakeClockMon20240701, ParisSummer) {
-  TzGuard tz(timetest::kParis);  // local: Monday 08:00 CEST
+  TzGuard tz(test_support::kParis);  // local: Monday 08:00 CEST
   EXPECT_EQ(Approx("last friday"), Utc(2024, 6, 28, 6));
   EXPECT_EQ(Approx("3 days ago"), Utc(2024, 6, 28, 6));
   EXPECT_EQ(Approx("two weeks"), Utc(2024, 6, 17, 6));
@@ -247,7 +247,7 @@ TEST_F(FakeClockMon20240701, ParisSummer) {
 }
 
 TEST_F(FakeClockMon20240701, Utc) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Approx("last friday"), Utc(2024, 6, 28, 6));
   EXPECT_EQ(Approx("last monday"), Utc(2024, 6, 24, 6));
   EXPECT_EQ(Approx("december"), Utc(2023, 12, 1, 6));
@@ -255,7 +255,7 @@ TEST_F(FakeClockMon20240701, Utc) {
 }
 
 TEST_F(FakeClockMon20240701, NewYork) {
-  TzGuard tz(timetest::kNewYork);  // local: Monday 02:00 EDT
+  TzGuard tz(test_support::kNewYork);  // local: Monday 02:00 EDT
   EXPECT_EQ(Approx("noon"), Utc(2024, 6, 30, 16));
   EXPECT_EQ(Approx("last friday"), Utc(2024, 6, 28, 6));
   EXPECT_EQ(Approx("midnight"), Utc(2024, 7, 1, 4));
@@ -266,7 +266,7 @@ TEST_F(FakeClockMon20240701, NewYork) {
 // negative year since 1900 of its own, which the final fill keeps.
 
 TEST_F(FakeClockTue20231114, UtcYearsBefore1900) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Approx("151 years"), Utc(1872, 11, 14, 22, 13, 20));
   EXPECT_EQ(Approx("151 years ago"), Utc(1872, 11, 14, 22, 13, 20));
   EXPECT_EQ(Approx("123 years"), Utc(1900, 11, 14, 22, 13, 20));  // year 0 since 1900
@@ -275,7 +275,7 @@ TEST_F(FakeClockTue20231114, UtcYearsBefore1900) {
 }
 
 TEST_F(FakeClockTue20231114, UtcUnitsBefore1900) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(Approx("267380 days"), Utc(1291, 10, 22, 22, 13, 20));
   EXPECT_EQ(Approx("10000 weeks ago"), Utc(1832, 3, 20, 22, 13, 20));
   // 250 years of borrowed months.
@@ -283,7 +283,7 @@ TEST_F(FakeClockTue20231114, UtcUnitsBefore1900) {
 }
 
 TEST_F(FakeClockTue20231114, UtcKnownPre1900YearSurvivesLaterWords) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   // Each later fill and shift sees a known year and leaves it.
   EXPECT_EQ(Approx("200 years yesterday"), Utc(1823, 11, 13, 22, 13, 20));
   EXPECT_EQ(Approx("200 years ago noon"), Utc(1823, 11, 14, 12));
@@ -293,14 +293,14 @@ TEST_F(FakeClockTue20231114, UtcKnownPre1900YearSurvivesLaterWords) {
 }
 
 TEST_F(FakeClockTue20231114, UtcLastModifiedTextBefore1000) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(convert_last_modified_to_rfc3339("2000 years ago"), "0023-11-14T22:13:20.000Z");
   EXPECT_EQ(convert_last_modified_to_rfc3339("151 years"), "1872-11-14T22:13:20.000Z");
   EXPECT_EQ(convert_last_modified_to_rfc3339("267380 days"), "1291-10-22T22:13:20.000Z");
 }
 
 TEST_F(FakeClockTue20231114, ParisYearsBefore1900) {
-  TzGuard tz(timetest::kParis);  // 23:13:20 local, CET
+  TzGuard tz(test_support::kParis);  // 23:13:20 local, CET
   EXPECT_EQ(Approx("151 years"), Utc(1872, 11, 14, 22, 13, 20));
   // approxidate answers in UTC whatever the zone.
   EXPECT_EQ(convert_last_modified_to_rfc3339("151 years"), "1872-11-14T22:13:20.000Z");

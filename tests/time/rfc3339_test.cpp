@@ -9,10 +9,10 @@
 #include <sstream>
 #include <string>
 
-#include "tests/time/tz_guard.h"
+#include "tests/support/time_zone.h"
 #include "time/rfc3339_internal.h"
 
-using timetest::TzGuard;
+using test_support::TzGuard;
 
 namespace {
 
@@ -33,7 +33,7 @@ tm Fields(int year, int mon, int mday, int hour, int min, int sec) {
 // ---- TMToRFC3339 --------------------------------------------------------
 
 TEST(TMToRFC3339, FormatsFieldsAsTheyStand) {
-  TzGuard tz(timetest::kEast8);
+  TzGuard tz(test_support::kEast8);
   tm t = Fields(2024, 1, 1, 12, 0, 0);
   tm before = t;
   EXPECT_EQ(TMToRFC3339(&t), "2024-01-01T12:00:00.000Z");
@@ -53,7 +53,7 @@ TEST(TMToRFC3339, ResultIs24CharactersForFourDigitYears) {
 }
 
 TEST(TMToRFC3339, NoZoneConversionEvenOutsideUtc) {
-  TzGuard tz(timetest::kNewYork);
+  TzGuard tz(test_support::kNewYork);
   tm t = Fields(2024, 7, 1, 0, 30, 15);
   EXPECT_EQ(TMToRFC3339(&t), "2024-07-01T00:30:15.000Z");
 }
@@ -81,31 +81,31 @@ TEST(TMToRFC3339, ExtremeFieldsTruncateInsteadOfOverrunning) {
 // ---- RFC3339ToTM --------------------------------------------------------
 
 TEST(RFC3339ToTM, UtcReadsTheFieldsAsUtc) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(RFC3339ToTM("2024-01-01T12:00:00.000Z"), 1704110400);
 }
 
 TEST(RFC3339ToTM, East8ReadsTheFieldsAsLocalTime) {
-  TzGuard tz(timetest::kEast8);
+  TzGuard tz(test_support::kEast8);
   EXPECT_EQ(RFC3339ToTM("2024-01-01T12:00:00.000Z"), 1704081600);
   EXPECT_EQ(1704110400 - RFC3339ToTM("2024-01-01T12:00:00.000Z"), 28800);
 }
 
 TEST(RFC3339ToTM, SummerFieldsAreReadAsStandardTime) {
-  TzGuard tz(timetest::kParis);
+  TzGuard tz(test_support::kParis);
   // 12:00 read as +01:00 even though July is +02:00.
   EXPECT_EQ(RFC3339ToTM("2024-07-01T12:00:00.000Z"), 1719831600);
   EXPECT_EQ(RFC3339ToTM("2024-01-01T12:00:00.000Z"), 1704106800);
 }
 
 TEST(RFC3339ToTM, WestOfUtcReadsStandardTime) {
-  TzGuard tz(timetest::kNewYork);
+  TzGuard tz(test_support::kNewYork);
   EXPECT_EQ(RFC3339ToTM("2024-01-01T12:00:00.000Z"), 1704110400 + 5 * 3600);
   EXPECT_EQ(RFC3339ToTM("2024-07-01T12:00:00.000Z"), 1719835200 + 5 * 3600);
 }
 
 TEST(RFC3339ToTM, IgnoresEverythingAfterTheSeconds) {
-  TzGuard tz(timetest::kEast8);
+  TzGuard tz(test_support::kEast8);
   time_t plain = RFC3339ToTM("2024-01-01T12:00:00");
   EXPECT_EQ(RFC3339ToTM("2024-01-01T12:00:00+05:00"), plain);
   EXPECT_EQ(RFC3339ToTM("2024-01-01T12:00:00.999Z"), plain);
@@ -113,7 +113,7 @@ TEST(RFC3339ToTM, IgnoresEverythingAfterTheSeconds) {
 }
 
 TEST(RFC3339ToTM, RoundTripsWithTMToRFC3339OfLocaltime) {
-  for (char const* zone : {timetest::kUtc, timetest::kEast8, timetest::kNewYork}) {
+  for (char const* zone : {test_support::kUtc, test_support::kEast8, test_support::kNewYork}) {
     TzGuard tz(zone);
     time_t t = 1704110400;
     tm local{};
@@ -124,12 +124,12 @@ TEST(RFC3339ToTM, RoundTripsWithTMToRFC3339OfLocaltime) {
 }
 
 TEST(RFC3339ToTM, PartialMatchLeavesTheRestZero) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(RFC3339ToTM("2024-01-02"), 1704153600);  // midnight
 }
 
 TEST(RFC3339ToTM, NoMatchGivesMktimeOfYearMinus1900) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   tm expected{};
   expected.tm_year = -1900;
   expected.tm_mon = -1;
@@ -142,7 +142,7 @@ TEST(RFC3339ToTM, NoMatchGivesMktimeOfYearMinus1900) {
 
 TEST(TimeToRFC3339, GivesUtcFieldsInEveryZone) {
   for (char const* zone :
-       {timetest::kUtc, timetest::kEast8, timetest::kParis, timetest::kNewYork}) {
+       {test_support::kUtc, test_support::kEast8, test_support::kParis, test_support::kNewYork}) {
     TzGuard tz(zone);
     EXPECT_EQ(TimeToRFC3339(1704110400), "2024-01-01T12:00:00.000Z") << zone;
     EXPECT_EQ(TimeToUTCRFC3339(1704110400), "2024-01-01T12:00:00.000Z") << zone;
@@ -152,7 +152,7 @@ TEST(TimeToRFC3339, GivesUtcFieldsInEveryZone) {
 }
 
 TEST(TimeToRFC3339, EpochAndBeforeEpoch) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(TimeToRFC3339(0), "1970-01-01T00:00:00.000Z");
   EXPECT_EQ(TimeToRFC3339(-1), "1969-12-31T23:59:59.000Z");
 }
@@ -160,23 +160,23 @@ TEST(TimeToRFC3339, EpochAndBeforeEpoch) {
 // ---- AdjustOffsetForServerTime ----------------------------------------------------------------
 
 TEST(AdjustOffsetForServerTime, UtcIsIdentity) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(AdjustOffsetForServerTime(1704110400), "2024-01-01T12:00:00.000Z");
 }
 
 TEST(AdjustOffsetForServerTime, East8AddsEightHours) {
-  TzGuard tz(timetest::kEast8);
+  TzGuard tz(test_support::kEast8);
   EXPECT_EQ(AdjustOffsetForServerTime(1704110400), "2024-01-01T20:00:00.000Z");
 }
 
 TEST(AdjustOffsetForServerTime, SummerZoneUsesTheStandardOffsetInBothSeasons) {
-  TzGuard tz(timetest::kParis);
+  TzGuard tz(test_support::kParis);
   EXPECT_EQ(AdjustOffsetForServerTime(1704110400), "2024-01-01T13:00:00.000Z");
   EXPECT_EQ(AdjustOffsetForServerTime(1719835200), "2024-07-01T13:00:00.000Z");
 }
 
 TEST(AdjustOffsetForServerTime, WestOfUtcSubtracts) {
-  TzGuard tz(timetest::kNewYork);
+  TzGuard tz(test_support::kNewYork);
   EXPECT_EQ(AdjustOffsetForServerTime(1704110400), "2024-01-01T07:00:00.000Z");
   EXPECT_EQ(AdjustOffsetForServerTime(1719835200), "2024-07-01T07:00:00.000Z");
 }
@@ -184,30 +184,30 @@ TEST(AdjustOffsetForServerTime, WestOfUtcSubtracts) {
 // ---- AdjustServerTimeOffset ---------------------------------------------------------------------
 
 TEST(AdjustServerTimeOffset, UtcIsIdentity) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(AdjustServerTimeOffset("2024-01-01T12:00:00"), "2024-01-01T12:00:00.000Z");
   EXPECT_EQ(AdjustServerTimeOffset("2024-01-01T12:00:00.000Z"), "2024-01-01T12:00:00.000Z");
 }
 
 TEST(AdjustServerTimeOffset, East8ShiftsTwiceTheOffset) {
-  TzGuard tz(timetest::kEast8);
+  TzGuard tz(test_support::kEast8);
   // Read as local (04:00Z) and then eight more hours off: 16 hours in all.
   EXPECT_EQ(AdjustServerTimeOffset("2024-01-01T12:00:00"), "2023-12-31T20:00:00.000Z");
 }
 
 TEST(AdjustServerTimeOffset, SummerZoneReadsStandardTime) {
-  TzGuard tz(timetest::kParis);
+  TzGuard tz(test_support::kParis);
   EXPECT_EQ(AdjustServerTimeOffset("2024-01-01T12:00:00"), "2024-01-01T10:00:00.000Z");
   EXPECT_EQ(AdjustServerTimeOffset("2024-07-01T12:00:00"), "2024-07-01T10:00:00.000Z");
 }
 
 TEST(AdjustServerTimeOffset, WestOfUtcShiftsTheOtherWay) {
-  TzGuard tz(timetest::kNewYork);
+  TzGuard tz(test_support::kNewYork);
   EXPECT_EQ(AdjustServerTimeOffset("2024-01-01T12:00:00"), "2024-01-01T22:00:00.000Z");
 }
 
 TEST(AdjustServerTimeOffset, UnmatchedFieldsStayZero) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   EXPECT_EQ(AdjustServerTimeOffset("2024-03-05"), "2024-03-05T00:00:00.000Z");
 }
 
@@ -219,20 +219,20 @@ TEST(NoAdjustServerTimeOffset, ReturnsItsArgument) {
 
 TEST(LocalStandardOffset, IsTheStandardOffsetWhateverTheSeason) {
   {
-    TzGuard tz(timetest::kUtc);
+    TzGuard tz(test_support::kUtc);
     EXPECT_EQ(LocalStandardOffset(1719835200), 0);
   }
   {
-    TzGuard tz(timetest::kEast8);
+    TzGuard tz(test_support::kEast8);
     EXPECT_EQ(LocalStandardOffset(1704110400), 28800);
   }
   {
-    TzGuard tz(timetest::kParis);
+    TzGuard tz(test_support::kParis);
     EXPECT_EQ(LocalStandardOffset(1704110400), 3600);
     EXPECT_EQ(LocalStandardOffset(1719835200), 3600);
   }
   {
-    TzGuard tz(timetest::kNewYork);
+    TzGuard tz(test_support::kNewYork);
     EXPECT_EQ(LocalStandardOffset(1719835200), -18000);
   }
 }
@@ -240,7 +240,7 @@ TEST(LocalStandardOffset, IsTheStandardOffsetWhateverTheSeason) {
 // ---- TMToUTCRFC3339 ---------------------------------------------------------------------
 
 TEST(TMToUTCRFC3339, NormalisesTheCallersStructure) {
-  TzGuard tz(timetest::kUtc);
+  TzGuard tz(test_support::kUtc);
   tm t = Fields(2024, 1, 32, 12, 0, 0);
   EXPECT_EQ(TMToUTCRFC3339(&t), "2024-02-01T12:00:00.000Z");
   EXPECT_EQ(t.tm_mon, 1);
@@ -251,18 +251,18 @@ TEST(TMToUTCRFC3339, NormalisesTheCallersStructure) {
 
 TEST(TMToUTCRFC3339, TreatsFieldsAsLocalTime) {
   {
-    TzGuard tz(timetest::kEast8);
+    TzGuard tz(test_support::kEast8);
     tm t = Fields(2024, 1, 1, 12, 0, 0);
     EXPECT_EQ(TMToUTCRFC3339(&t), "2024-01-01T04:00:00.000Z");
   }
   {
-    TzGuard tz(timetest::kParis);
+    TzGuard tz(test_support::kParis);
     tm t = Fields(2024, 7, 1, 12, 0, 0);  // tm_isdst -1: summer time applies
     EXPECT_EQ(TMToUTCRFC3339(&t), "2024-07-01T10:00:00.000Z");
     EXPECT_EQ(t.tm_isdst, 1);
   }
   {
-    TzGuard tz(timetest::kNewYork);
+    TzGuard tz(test_support::kNewYork);
     tm t = Fields(2024, 1, 1, 12, 0, 0);
     EXPECT_EQ(TMToUTCRFC3339(&t), "2024-01-01T17:00:00.000Z");
   }
@@ -271,14 +271,14 @@ TEST(TMToUTCRFC3339, TreatsFieldsAsLocalTime) {
 // ---- parse8601 and RFC3339ToLocalTM ---------------------------------------------------------
 
 TEST(Parse8601, AcceptsZuluAndFractions) {
-  TzGuard tz(timetest::kEast8);  // the result never depends on the local zone
+  TzGuard tz(test_support::kEast8);  // the result never depends on the local zone
   EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00Z")), 1704110400);
   EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00.250Z")), 1704110400);
   EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00.999999Z")), 1704110400);
 }
 
 TEST(Parse8601, AppliesNumericOffsets) {
-  TzGuard tz(timetest::kNewYork);
+  TzGuard tz(test_support::kNewYork);
   EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00+01:00")), 1704106800);
   EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00-05:30")), 1704110400 + 19800);
   EXPECT_EQ(parse8601(std::istringstream("2024-01-01T12:00:00.5+00:00")), 1704110400);
@@ -299,7 +299,7 @@ TEST(Parse8601, ReadsOneWhitespaceDelimitedWord) {
 }
 
 TEST(RFC3339ToLocalTM, IsParse8601OfTheText) {
-  TzGuard tz(timetest::kParis);
+  TzGuard tz(test_support::kParis);
   EXPECT_EQ(RFC3339ToLocalTM("2024-01-01T12:00:00Z"), 1704110400);
   EXPECT_EQ(RFC3339ToLocalTM("2024-01-01T12:00:00.250Z"), 1704110400);
   EXPECT_EQ(RFC3339ToLocalTM("2024-01-01T12:00:00+01:00"), 1704106800);
@@ -311,7 +311,7 @@ TEST(RFC3339ToLocalTM, IsParse8601OfTheText) {
 // ---- GetSystemTimeRfc3339 ----------------------------------------------------------------------
 
 TEST(GetSystemTimeRfc3339, TwentyThreeCharactersWithoutZ) {
-  TzGuard tz(timetest::kEast8);
+  TzGuard tz(test_support::kEast8);
   timeval before{};
   gettimeofday(&before, nullptr);
   std::string s = GetSystemTimeRfc3339();

@@ -12,29 +12,11 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/files.h"
+
 namespace {
 
-class TempDir {
- public:
-  TempDir() {
-    char const* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base && *base ? base : "/tmp") + "/profile_test.XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) std::abort();
-    path_ = buf.data();
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  std::string Write(std::string const& name, std::string const& content) const {
-    std::string const p = path_ + "/" + name;
-    std::ofstream(p, std::ios::binary) << content;
-    return p;
-  }
-  std::string const& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using test_support::TempDir;
 
 std::string Long(char c, size_t n) {
   return std::string(n, c);

@@ -1,4 +1,5 @@
-// Pins the process time zone for the life of a scope and restores it after.
+// Pins the process time zone for the life of a scope (setenv("TZ") and
+// tzset) and restores the previous one after; and the zones the tests use.
 #pragma once
 
 #include <cstdlib>
@@ -6,7 +7,7 @@
 #include <optional>
 #include <string>
 
-namespace timetest {
+namespace test_support {
 
 inline constexpr char const* kUtc = "UTC0";
 // UTC+08:00 without summer time.
@@ -37,4 +38,4 @@ class TzGuard {
   std::optional<std::string> saved_;
 };
 
-}  // namespace timetest
+}  // namespace test_support
