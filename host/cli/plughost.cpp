@@ -30,12 +30,13 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/cli/progress.h"
 #include "host/core/adapters.h"
 #include "host/core/client.h"
-#include "host/mount/mount.h"
+#include "host/core/file_time.h"
 #include "host/core/paths.h"
 #include "host/core/plugin.h"
-#include "host/cli/progress.h"
+#include "host/mount/mount.h"
 #include "time/approxidate.h"
 #include "time/rfc3339.h"
 
@@ -197,22 +198,6 @@ std::string ShortTime(const std::string& rfc3339) {
   std::string out = rfc3339.substr(0, 19);
   out[10] = ' ';
   return out;
-}
-
-// --- time for SetFileTime ---------------------------------------------------------
-
-// SetFileTime reads its texts back as local *standard* time. Writing the UTC
-// fields shifted by the standard offset lands on `t` in every season, where
-// local wall-clock fields would be an hour off during summer time.
-std::string PluginTime(time_t t) {
-  struct tm fields {};
-  gmtime_r(&t, &fields);
-  fields.tm_isdst = 0;
-  time_t read_back = mktime(&fields);
-  time_t shifted = t + (t - read_back);
-  struct tm out {};
-  gmtime_r(&shifted, &out);
-  return TMToRFC3339(&out);
 }
 
 // --- the session ----------------------------------------------------------------
@@ -678,7 +663,7 @@ int CmdTouch(Session& s, const std::string& typed, const std::optional<std::stri
                           &empty, &file, UPLOAD_FLAG_NONE, &message);
     s.client().Check(code, context, message);
   }
-  std::string text = PluginTime(when);
+  std::string text = plughost::FileTimeText(when);
   s.client().SetFileTime(path, text, text, text, context);
   _FS_FILE_V2 file = s.client().Info(path, context);
   if (s.json()) {
