@@ -85,7 +85,11 @@ int Ls(Invocation& run, const LsArgs& args) {
     printer.Print(entry, DisplayPath(relative), 1);
   } else if (args.unsorted || args.stream) {
     // Printed as listed: nothing is kept, and the size column is not aligned.
-    StreamEntries(run.client(), id, context, [&](Entry&& entry) { printer.PrintListed(entry, 1); });
+    StreamEntries(run.client(), id, context, [&](Entry&& entry) {
+      // Ctrl-C ends a long listing here; the plug-in offers no way to stop it.
+      if (Interrupted()) throw Cancelled(context);
+      printer.PrintListed(entry, 1);
+    });
   } else {
     std::vector<Entry> entries = SortedEntries(run.client(), id, context);
     size_t width = 1;
