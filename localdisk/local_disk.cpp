@@ -33,6 +33,7 @@ void LocalDisk::Release() {
 }
 
 AERROR LocalDisk::GetType(char** type) {
+  if (type == nullptr) return INVALID_PARAMETER;
   *type = kTypeName;
   return SUCCESS;
 }
@@ -42,6 +43,8 @@ AERROR LocalDisk::GetChanges(IFileChanges*, char**) {
 }
 
 AERROR LocalDisk::SetOpt(const char* key, const char* value) {
+  // A null key or value is the caller's error: refuse before anything changes.
+  if (key == nullptr || value == nullptr) return INVALID_PARAMETER;
   if (strcasecmp(key, "pid") == 0) {
     pid = value;
   } else if (strcasecmp(key, "root_path") == 0) {

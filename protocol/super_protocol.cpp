@@ -11,6 +11,7 @@ SuperProtocol::SuperProtocol() : SuperProtocol(nullptr) {}
 SuperProtocol::~SuperProtocol() = default;
 
 AERROR SuperProtocol::SetOpt(const char* name, const char* value) {
+  if (name == nullptr || value == nullptr) return INVALID_PARAMETER;
   if (strcasecmp(name, "access_token") == 0 || strcasecmp(name, "refresh_token") == 0) {
     SetTokenOption(name, value);
   } else if (strcasecmp(name, "speedlimit") == 0) {

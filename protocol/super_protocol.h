@@ -23,6 +23,7 @@ class SuperProtocol : public IProtocol_V2 {
 
   // "speedlimit" (atoll of the value), "access_token"/"refresh_token" (edit the
   // auth document); names are case-insensitive, and every name is accepted.
+  // A null name or value is INVALID_PARAMETER and changes nothing.
   AERROR SetOpt(const char* name, const char* value) override;
   std::string GetPID() override;
   // Null is ACCESS_DENIED and keeps the stored pointer.
