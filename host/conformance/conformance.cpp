@@ -169,6 +169,14 @@ class Source final : public ICacheIO {
            std::to_string(size));
     if (request->capacity <= 0) Note("request capacity " + std::to_string(request->capacity));
     if (index == fail_at) return FAILED;
+    // A plug-in that keeps asking after everything was delivered would spin
+    // for ever; stop it and say so.
+    if (index > size / std::max<long long>(request->capacity, 1) + 64) {
+      Note("request " + std::to_string(index) + " after all " + std::to_string(size) +
+           " bytes were delivered");
+      handle_->state.store(FS_HANDLE_STOP);
+      return FAILED;
+    }
     if (request->offset < 0 || request->offset > size || request->capacity <= 0) return FAILED;
     const long long n = std::min(request->capacity, size - request->offset);
     std::memcpy(request->buffer, content_.data() + request->offset, static_cast<size_t>(n));
