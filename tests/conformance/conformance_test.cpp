@@ -2,10 +2,14 @@
 // broken variants of the memory plug-in that each must fail a given check.
 #include "host/conformance/conformance.h"
 
+#include <stdlib.h>
+#include <time.h>
+
 #include <gtest/gtest.h>
 #include <json/json.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -99,6 +103,48 @@ TEST(Conformance, LocalDiskThroughRootPathOption) {
   std::vector<Result> results = plughost::conformance::Run(options);
   EXPECT_EQ(Count(results).failed, 0) << Failures(results);
   EXPECT_TRUE(Entries(root.path()).empty());
+}
+
+// Sets TZ for the scope of a test and restores it.
+class ZoneScope {
+ public:
+  explicit ZoneScope(const char* zone) {
+    const char* old = std::getenv("TZ");
+    had_ = old != nullptr;
+    if (had_) old_ = old;
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  ~ZoneScope() {
+    if (had_) {
+      setenv("TZ", old_.c_str(), 1);
+    } else {
+      unsetenv("TZ");
+    }
+    tzset();
+  }
+  ZoneScope(const ZoneScope&) = delete;
+  ZoneScope& operator=(const ZoneScope&) = delete;
+
+ private:
+  bool had_ = false;
+  std::string old_;
+};
+
+// File times travel as local standard-time fields; the time round trip must
+// hold in zones with summer time, northern and southern.
+TEST(Conformance, BothPluginsPassInSummerTimeZones) {
+  for (const char* zone : {"Europe/Berlin", "Australia/Sydney", "America/St_Johns"}) {
+    ZoneScope scope(zone);
+    test_support::TempDir root("conformance");
+    for (const char* plugin : {MEMORY_PLUGIN, LOCALDISK_PLUGIN}) {
+      Options options;
+      options.plugin = plugin;
+      options.root = root.path();
+      std::vector<Result> results = plughost::conformance::Run(options);
+      EXPECT_EQ(Count(results).failed, 0) << zone << " " << plugin << "\n" << Failures(results);
+    }
+  }
 }
 
 TEST(Conformance, ExistingScratchDirectoryIsRefusedAndKept) {
