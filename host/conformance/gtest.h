@@ -10,6 +10,8 @@
 // checks build on each other (the uploads feed the reads), so the first test
 // that runs runs the whole suite once and every test reports its own check's
 // result; a skipped check is a skipped test.
+// Register the executable with add_test (one process for all of them):
+// gtest_discover_tests would start one process, and one whole run, per test.
 #pragma once
 
 #include <gtest/gtest.h>
