@@ -13,7 +13,7 @@
 #include "host/core/file_time.h"
 #include "host/core/plugin.h"
 #include "tests/support/files.h"
-#include "tests/time/tz_guard.h"
+#include "tests/support/time_zone.h"
 
 using plughost::FileTimeInstant;
 using plughost::FileTimeText;
@@ -60,7 +60,7 @@ std::string LocalFields(time_t t) {
 class FileTimeThroughPlugin : public ::testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
-    zone_ = std::make_unique<timetest::TzGuard>(GetParam());
+    zone_ = std::make_unique<test_support::TzGuard>(GetParam());
     plugin_ = std::make_unique<plughost::Plugin>(plughost::Plugin::Load(LOCALDISK_PLUGIN));
     client_ = std::make_unique<plughost::Client>(*plugin_, plugin_->CreateProtocol(&config_));
     client_->SetOpt("root_path", dir_.path());
@@ -73,7 +73,7 @@ class FileTimeThroughPlugin : public ::testing::TestWithParam<const char*> {
   }
 
   test_support::TempDir dir_;
-  std::unique_ptr<timetest::TzGuard> zone_;
+  std::unique_ptr<test_support::TzGuard> zone_;
   plughost::MemoryConfiguration config_;
   std::unique_ptr<plughost::Plugin> plugin_;
   std::unique_ptr<plughost::Client> client_;
@@ -126,7 +126,7 @@ INSTANTIATE_TEST_SUITE_P(Berlin, FileTimeThroughPlugin,
                          ::testing::Values(kBerlinRules, "Europe/Berlin"));
 
 TEST(FileTime, UtcIsTheIdentityOnFields) {
-  timetest::TzGuard zone(timetest::kUtc);
+  test_support::TzGuard zone(test_support::kUtc);
   EXPECT_EQ(FileTimeText(1704110400), "2024-01-01T12:00:00.000Z");
   EXPECT_EQ(FileTimeInstant("2024-01-01T12:00:00.000Z"), 1704110400);
   EXPECT_EQ(FileTimeInstant("1969-12-31T23:59:59.000Z"), -1);
@@ -134,20 +134,20 @@ TEST(FileTime, UtcIsTheIdentityOnFields) {
 }
 
 TEST(FileTime, FieldsInTheSpringGapAreReadAsStandardTime) {
-  timetest::TzGuard zone(kBerlinRules);
+  test_support::TzGuard zone(kBerlinRules);
   // 02:30 on 2024-03-31 never happened in Berlin; SetFileTime reads it as
   // 02:30 CET, which is 01:30 UTC.
   EXPECT_EQ(FileTimeInstant("2024-03-31T02:30:00.000Z"), kSpring + 1800);
 }
 
 TEST(FileTime, TextWithoutFieldsIsZero) {
-  timetest::TzGuard zone(timetest::kUtc);
+  test_support::TzGuard zone(test_support::kUtc);
   EXPECT_EQ(FileTimeInstant(""), 0);
   EXPECT_EQ(FileTimeInstant("yesterday"), 0);
 }
 
 TEST(PinTimeZone, SetsAnUnsetZoneToTheSystemFileAndKeepsAGivenOne) {
-  timetest::TzGuard restore(timetest::kUtc);  // restores the original at the end
+  test_support::TzGuard restore(test_support::kUtc);  // restores the original at the end
   unsetenv("TZ");
   tzset();
   time_t t = 1719835200;
