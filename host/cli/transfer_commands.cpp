@@ -31,9 +31,10 @@ std::shared_ptr<_FS_HANDLE> HandleFor(ProgressBar& bar) {
 struct GetArgs {
   std::string path;
   std::string local;
+  int device_fd = -1;  // a destination that is not a regular file, opened before confining
 };
 
-int Get(Invocation& run, const GetArgs& args) {
+int Get(Invocation& run, GetArgs& args) {
   Context context{"get", args.path};
   std::string relative = run.Relative(args.path, "get");
   _FS_FILE_V2 file = run.client().Info(run.paths().Protocol(relative), context);
@@ -50,7 +51,8 @@ int Get(Invocation& run, const GetArgs& args) {
   }
   int fd = STDOUT_FILENO;
   if (!to_stdout) {
-    fd = open(local.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    fd = args.device_fd >= 0 ? std::exchange(args.device_fd, -1)
+                             : open(local.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0) throw Failure(context, "cannot open " + local + ": " + std::strerror(errno));
   } else {
     std::cout.flush();
@@ -94,14 +96,28 @@ int Get(Invocation& run, const GetArgs& args) {
   return kExitOk;
 }
 
-// A get writes in its destination directory (or to a device or pipe named
-// as the destination): the one local place it needs besides the root.
-LocalFiles GetLocalFiles(const GetArgs& args) {
+// A get writes in its destination directory: the one local place it needs
+// besides the root once confined. A device or pipe named as the destination
+// (/dev/null, /dev/stdout) is opened before instead.
+LocalFiles PrepareGet(GetArgs& args) {
   if (args.local == "-") return {};
   std::string local = args.local.empty() ? std::string(".") : args.local;
   struct stat st {};
-  if (stat(local.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) return {{}, {local}};
-  std::string parent = std::filesystem::path(local).parent_path().string();
+  bool exists = stat(local.c_str(), &st) == 0;
+  if (exists && S_ISDIR(st.st_mode)) return {{}, {local}};
+  if (exists && !S_ISREG(st.st_mode)) {
+    args.device_fd = open(local.c_str(), O_WRONLY | O_CLOEXEC);
+    if (args.device_fd < 0) {
+      throw Failure("get " + args.path + ": cannot open " + local + ": " + std::strerror(errno));
+    }
+    return {};
+  }
+  // The directory the file is (or will be) in, after any link to it.
+  std::error_code error;
+  std::filesystem::path target =
+      exists ? std::filesystem::canonical(local, error) : std::filesystem::path(local);
+  if (error) target = local;
+  std::string parent = target.parent_path().string();
   return {{}, {parent.empty() ? std::string(".") : parent}};
 }
 
@@ -189,7 +205,7 @@ void RegisterTransferCommands(CommandSet& commands) {
   auto get = std::make_shared<GetArgs>();
   CLI::App* get_cmd = commands.Add(
       "get", "Copy a file from the storage to a local file",
-      [get](Invocation& run) { return Get(run, *get); }, [get] { return GetLocalFiles(*get); });
+      [get](Invocation& run) { return Get(run, *get); }, [get] { return PrepareGet(*get); });
   get_cmd->add_option("path", get->path, "File to copy")->required()->type_name("PATH");
   get_cmd
       ->add_option("local", get->local,
