@@ -78,16 +78,22 @@ int Ls(Invocation& run, const LsArgs& args) {
   std::string id = run.paths().Protocol(relative);
   _FS_FILE_V2 self = run.client().Info(id, context);
   LsPrinter printer(run, args, relative, id);
-  printer.Begin();
   if (self.type != 2) {
     // A file lists itself.
-    Entry entry = EntryOf(self, "");
-    printer.Print(entry, DisplayPath(relative), 1);
+    printer.Begin();
+    printer.Print(EntryOf(self, ""), DisplayPath(relative), 1);
   } else if (args.unsorted || args.stream) {
+    printer.Begin();
     // Printed as listed: nothing is kept, and the size column is not aligned.
-    StreamEntries(run.client(), id, context, [&](Entry&& entry) { printer.PrintListed(entry, 1); });
+    StreamEntries(run.client(), id, context, [&](Entry&& entry) {
+      // Ctrl-C ends a long listing here; the plug-in offers no way to stop it.
+      if (Interrupted()) throw Cancelled(context);
+      printer.PrintListed(entry, 1);
+    });
   } else {
+    // Nothing is printed before the listing is complete.
     std::vector<Entry> entries = SortedEntries(run.client(), id, context);
+    printer.Begin();
     size_t width = 1;
     if (args.long_form) {
       for (const Entry& entry : entries)

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "host/core/adapters.h"
-#include "tests/host/host_test_support.h"
+#include "tests/support/files.h"
 
 using plughost::CacheAdapter;
 using plughost::FetchAdapter;
@@ -116,8 +116,8 @@ TEST(CacheAdapter, NegativeResultAbortsAndExceptionsAreKept) {
 }
 
 TEST(FileCache, ServesRangesAndNeverMoreThanTheSize) {
-  plughost_test::TempDir dir;
-  plughost_test::WriteFile(dir / "f", "0123456789");
+  test_support::TempDir dir;
+  test_support::WriteFile(dir / "f", "0123456789");
   FileCache cache(dir / "f");
   EXPECT_EQ(cache.size(), 10);
   char buffer[16] = {};
@@ -132,15 +132,15 @@ TEST(FileCache, ServesRangesAndNeverMoreThanTheSize) {
   EXPECT_EQ(std::string(buffer, 2), "89");
 
   // The local file grew after the size was taken: the upload keeps its size.
-  plughost_test::WriteFile(dir / "f", "0123456789ABCDEF");
+  test_support::WriteFile(dir / "f", "0123456789ABCDEF");
   request = Request(buffer, 8, 16);
   ASSERT_EQ(cache.ReadCache(&request), SUCCESS);
   EXPECT_EQ(request.length, 2);
 }
 
 TEST(FileCache, AFileThatShrankFailsInsteadOfDeliveringNothing) {
-  plughost_test::TempDir dir;
-  plughost_test::WriteFile(dir / "f", "0123456789");
+  test_support::TempDir dir;
+  test_support::WriteFile(dir / "f", "0123456789");
   FileCache cache(dir / "f");
   ASSERT_EQ(truncate((dir / "f").c_str(), 3), 0);
   char buffer[16];
@@ -150,8 +150,8 @@ TEST(FileCache, AFileThatShrankFailsInsteadOfDeliveringNothing) {
 }
 
 TEST(FileCache, EmptyFileAndMissingFile) {
-  plughost_test::TempDir dir;
-  plughost_test::WriteFile(dir / "empty", "");
+  test_support::TempDir dir;
+  test_support::WriteFile(dir / "empty", "");
   FileCache cache(dir / "empty");
   EXPECT_EQ(cache.size(), 0);
   EXPECT_THROW(FileCache(dir / "missing"), std::system_error);
@@ -171,7 +171,7 @@ TEST(FileCache, SpoolsAStream) {
 }
 
 TEST(StderrLog, FormatsShortAndLongLines) {
-  plughost_test::TempDir dir;
+  test_support::TempDir dir;
   std::FILE* out = std::fopen((dir / "log").c_str(), "w+");
   ASSERT_NE(out, nullptr);
   plughost::StderrLog log("p: ", out);
@@ -180,7 +180,7 @@ TEST(StderrLog, FormatsShortAndLongLines) {
   log.WriteFormat(LOGLEVEL_WARNING, "%s!", long_text.c_str());
   log.Write(LOGLEVEL_ERROR, "plain");
   std::fclose(out);
-  EXPECT_EQ(plughost_test::ReadFile(dir / "log"),
+  EXPECT_EQ(test_support::ReadFile(dir / "log"),
             "p: [info] [PROTOCOL  ] Upload /docs/a.txt\n"
             "p: [warning] " +
                 long_text +

@@ -13,7 +13,7 @@
 #include "host/core/adapters.h"
 #include "host/core/client.h"
 #include "host/core/plugin.h"
-#include "tests/host/host_test_support.h"
+#include "tests/support/files.h"
 
 using plughost::Client;
 using plughost::Plugin;
@@ -43,7 +43,7 @@ class LocalDiskClient : public ::testing::Test {
     plugin_.reset();
   }
 
-  plughost_test::TempDir dir_;
+  test_support::TempDir dir_;
   plughost::MemoryConfiguration config_;
   std::unique_ptr<Plugin> plugin_;
   std::unique_ptr<Client> client_;
@@ -72,7 +72,7 @@ TEST_F(LocalDiskClient, MissingEntryThrowsWithOperationPathAndName) {
 }
 
 TEST_F(LocalDiskClient, ListsAndDescribes) {
-  plughost_test::WriteFile(dir_ / "a.txt", "hello");
+  test_support::WriteFile(dir_ / "a.txt", "hello");
   std::vector<_FS_FILE_V2> files = client_->List(dir_.path(), {"ls", "/"});
   ASSERT_EQ(files.size(), 1u);
   EXPECT_EQ(files[0].name, "a.txt");
@@ -86,8 +86,8 @@ TEST_F(LocalDiskClient, UploadFromAFileCacheAndReadBack) {
   std::string content(1300000, '\0');
   for (size_t i = 0; i < content.size(); ++i)
     content[i] = static_cast<char>(i * 7 % 251);
-  plughost_test::TempDir local;
-  plughost_test::WriteFile(local / "source.bin", content);
+  test_support::TempDir local;
+  test_support::WriteFile(local / "source.bin", content);
   plughost::FileCache cache(local / "source.bin");
   ASSERT_EQ(cache.size(), static_cast<long long>(content.size()));
 
@@ -102,7 +102,7 @@ TEST_F(LocalDiskClient, UploadFromAFileCacheAndReadBack) {
   ASSERT_EQ(client_->Upload(dir_.path(), handle, &cache, &file, UPLOAD_FLAG_OVERWRITE, &message),
             SUCCESS);
   EXPECT_EQ(file.size, static_cast<long long>(content.size()));
-  EXPECT_EQ(plughost_test::ReadFile(dir_ / "copy.bin"), content);
+  EXPECT_EQ(test_support::ReadFile(dir_ / "copy.bin"), content);
   ASSERT_FALSE(progress.empty());
   EXPECT_EQ(progress.back().first, static_cast<long long>(content.size()));
 
@@ -116,7 +116,7 @@ TEST_F(LocalDiskClient, UploadFromAFileCacheAndReadBack) {
 }
 
 TEST_F(LocalDiskClient, ACancelledHandleStopsTheRead) {
-  plughost_test::WriteFile(dir_ / "a.txt", "hello");
+  test_support::WriteFile(dir_ / "a.txt", "hello");
   auto handle = std::make_shared<_FS_HANDLE>();
   handle->state.store(FS_HANDLE_STOP);
   std::ostringstream out;
@@ -126,7 +126,7 @@ TEST_F(LocalDiskClient, ACancelledHandleStopsTheRead) {
 }
 
 TEST_F(LocalDiskClient, BoundLoggerReceivesTheUploadLine) {
-  plughost_test::TempDir logs;
+  test_support::TempDir logs;
   std::FILE* out = std::fopen((logs / "log.txt").c_str(), "w+");
   ASSERT_NE(out, nullptr);
   plughost::StderrLog log("test: ", out);
@@ -139,7 +139,7 @@ TEST_F(LocalDiskClient, BoundLoggerReceivesTheUploadLine) {
             SUCCESS);
   plugin_->UnbindLogger();
   std::fclose(out);
-  EXPECT_EQ(plughost_test::ReadFile(logs / "log.txt"),
+  EXPECT_EQ(test_support::ReadFile(logs / "log.txt"),
             "test: [info] [PROTOCOL  ] Upload " + dir_.path() + "/empty.txt\n");
 }
 

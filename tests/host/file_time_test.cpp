@@ -12,7 +12,7 @@
 #include "host/core/client.h"
 #include "host/core/file_time.h"
 #include "host/core/plugin.h"
-#include "tests/host/host_test_support.h"
+#include "tests/support/files.h"
 #include "tests/time/tz_guard.h"
 
 using plughost::FileTimeInstant;
@@ -64,7 +64,7 @@ class FileTimeThroughPlugin : public ::testing::TestWithParam<const char*> {
     plugin_ = std::make_unique<plughost::Plugin>(plughost::Plugin::Load(LOCALDISK_PLUGIN));
     client_ = std::make_unique<plughost::Client>(*plugin_, plugin_->CreateProtocol(&config_));
     client_->SetOpt("root_path", dir_.path());
-    plughost_test::WriteFile(dir_ / "f", "x");
+    test_support::WriteFile(dir_ / "f", "x");
   }
   void TearDown() override {
     client_.reset();
@@ -72,7 +72,7 @@ class FileTimeThroughPlugin : public ::testing::TestWithParam<const char*> {
     zone_.reset();
   }
 
-  plughost_test::TempDir dir_;
+  test_support::TempDir dir_;
   std::unique_ptr<timetest::TzGuard> zone_;
   plughost::MemoryConfiguration config_;
   std::unique_ptr<plughost::Plugin> plugin_;

@@ -8,7 +8,7 @@
 
 #include "host/core/adapters.h"
 #include "host/core/plugin.h"
-#include "tests/host/host_test_support.h"
+#include "tests/support/files.h"
 
 using plughost::LoadError;
 using plughost::Plugin;
@@ -39,7 +39,7 @@ std::string LoadMessage(const std::string& path) {
 }  // namespace
 
 TEST(Loader, MissingFileNamesThePathAndTheLoaderReason) {
-  plughost_test::TempDir dir;
+  test_support::TempDir dir;
   std::string path = dir / "nothing-here.so";
   std::string message = LoadMessage(path);
   EXPECT_THAT(message, HasSubstr("cannot load plug-in " + path));
@@ -47,8 +47,8 @@ TEST(Loader, MissingFileNamesThePathAndTheLoaderReason) {
 }
 
 TEST(Loader, FileThatIsNotALibrary) {
-  plughost_test::TempDir dir;
-  plughost_test::WriteFile(dir / "text.so", "just text\n");
+  test_support::TempDir dir;
+  test_support::WriteFile(dir / "text.so", "just text\n");
   EXPECT_THAT(LoadMessage(dir / "text.so"), HasSubstr("cannot load plug-in " + (dir / "text.so")));
 }
 

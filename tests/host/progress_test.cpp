@@ -8,7 +8,7 @@
 #include <string>
 
 #include "host/cli/progress.h"
-#include "tests/host/host_test_support.h"
+#include "tests/support/files.h"
 
 using plughost::HumanBytes;
 using plughost::ProgressBar;
@@ -22,10 +22,10 @@ class Sink {
   Sink() : fd_(open((dir_ / "out").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600)) {}
   ~Sink() { close(fd_); }
   int fd() const { return fd_; }
-  std::string text() const { return plughost_test::ReadFile(dir_ / "out"); }
+  std::string text() const { return test_support::ReadFile(dir_ / "out"); }
 
  private:
-  plughost_test::TempDir dir_;
+  test_support::TempDir dir_;
   int fd_;
 };
 

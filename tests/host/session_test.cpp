@@ -12,7 +12,7 @@
 #include "host/core/listing.h"
 #include "host/core/operations.h"
 #include "host/core/session.h"
-#include "tests/host/host_test_support.h"
+#include "tests/support/files.h"
 
 using namespace plughost;
 using ::testing::HasSubstr;
@@ -39,13 +39,13 @@ class Operations : public ::testing::Test {
  protected:
   void SetUp() override {
     mkdir((dir_ / "docs").c_str(), 0755);
-    plughost_test::WriteFile(dir_ / "docs/a.txt", "0123456789");
+    test_support::WriteFile(dir_ / "docs/a.txt", "0123456789");
     session_ = OpenOn(dir_.path());
   }
   Client& client() { return session_->client(); }
   const PathMapper& paths() { return session_->paths(); }
 
-  plughost_test::TempDir dir_;
+  test_support::TempDir dir_;
   std::unique_ptr<Session> session_;
 };
 
@@ -61,7 +61,7 @@ std::string ReadRange(Client& client, const PathMapper& paths, const std::string
 }  // namespace
 
 TEST(Session, OpensOnTheCanonicalRootAndSetsOptionsInOrder) {
-  plughost_test::TempDir dir;
+  test_support::TempDir dir;
   auto session = OpenOn(dir.path() + "/./", {"pid=first", "PID=second"});
   EXPECT_EQ(session->root_id(), dir.path());
   EXPECT_EQ(session->client().Pid(), "second");
@@ -69,8 +69,8 @@ TEST(Session, OpensOnTheCanonicalRootAndSetsOptionsInOrder) {
 }
 
 TEST(Session, MistakesOfTheUserAreUsageErrorsBeforeAnythingLoads) {
-  plughost_test::TempDir dir;
-  plughost_test::WriteFile(dir / "file", "");
+  test_support::TempDir dir;
+  test_support::WriteFile(dir / "file", "");
   SessionOptions setup;
   setup.plugin = dir / "no-such-plugin.so";  // never loaded: the root is checked first
   setup.root = dir / "missing";
@@ -85,7 +85,7 @@ TEST(Session, MistakesOfTheUserAreUsageErrorsBeforeAnythingLoads) {
 }
 
 TEST(Session, BindsTheLoggerForItsLifeOnly) {
-  plughost_test::TempDir dir;
+  test_support::TempDir dir;
   CapturingLog log;
   {
     SessionOptions setup;
@@ -143,7 +143,7 @@ TEST_F(Operations, CopiesARangeOut) {
 
 TEST_F(Operations, AFileThatShrankEndsTheCopyWithAFailure) {
   // The caller sized the range before the file was cut short.
-  plughost_test::WriteFile(dir_ / "docs/a.txt", "0123");
+  test_support::WriteFile(dir_ / "docs/a.txt", "0123");
   try {
     ReadRange(client(), paths(), "docs/a.txt", {0, 10});
     FAIL();
@@ -221,12 +221,12 @@ TEST_F(Operations, TouchCreatesAMissingFileAndSetsTheTime) {
   TouchOrCreate(client(), paths(), "docs/a.txt", 1600000000, {"touch", "x"});
   ASSERT_EQ(stat((dir_ / "docs/a.txt").c_str(), &st), 0);
   EXPECT_EQ(st.st_mtime, 1600000000);
-  EXPECT_EQ(plughost_test::ReadFile(dir_ / "docs/a.txt"), "0123456789");
+  EXPECT_EQ(test_support::ReadFile(dir_ / "docs/a.txt"), "0123456789");
   EXPECT_THROW(TouchOrCreate(client(), paths(), "missing/x", 1, {"touch", "x"}), ProtocolError);
 }
 
 TEST_F(Operations, ListsEntriesSmallAndSorted) {
-  plughost_test::WriteFile(dir_ / "docs/b", "xy");
+  test_support::WriteFile(dir_ / "docs/b", "xy");
   mkdir((dir_ / "docs/c").c_str(), 0755);
   std::vector<Entry> entries = SortedEntries(client(), paths().Protocol("docs"), {"ls", "docs"});
   ASSERT_EQ(entries.size(), 3u);
