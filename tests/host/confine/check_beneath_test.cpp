@@ -9,13 +9,13 @@
 #include <string>
 
 #include "host/core/confine.h"
-#include "tests/host/host_test_support.h"
+#include "tests/support/files.h"
 
 namespace {
 
 using plughost::CheckBeneath;
-using plughost_test::TempDir;
-using plughost_test::WriteFile;
+using test_support::TempDir;
+using test_support::WriteFile;
 
 // base/root: file, sub/{inner, deeper/}, and links made by each test;
 // base/outside: secret, dir/.

@@ -27,7 +27,7 @@
 #include <thread>
 
 #include "tests/host/confine/child.h"
-#include "tests/host/host_test_support.h"
+#include "tests/support/files.h"
 
 namespace {
 
@@ -37,9 +37,9 @@ using plughost::Confine;
 using plughost::ConfineMode;
 using plughost::ConfineRequest;
 using plughost::ConfineResult;
-using plughost_test::ReadFile;
-using plughost_test::TempDir;
-using plughost_test::WriteFile;
+using test_support::ReadFile;
+using test_support::TempDir;
+using test_support::WriteFile;
 
 #if defined(__SANITIZE_THREAD__)
 constexpr bool kThreadSanitizer = true;

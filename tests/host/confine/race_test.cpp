@@ -14,15 +14,15 @@
 
 #include "host/core/confine.h"
 #include "tests/host/confine/child.h"
-#include "tests/host/host_test_support.h"
+#include "tests/support/files.h"
 
 namespace {
 
 using confine_test::Failures;
 using confine_test::RunInChild;
-using plughost_test::ReadFile;
-using plughost_test::TempDir;
-using plughost_test::WriteFile;
+using test_support::ReadFile;
+using test_support::TempDir;
+using test_support::WriteFile;
 
 // Replaces `name` in `dir` over and over: a regular file, then a link to
 // `outside_target`, each put in place with one rename.

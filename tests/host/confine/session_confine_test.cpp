@@ -21,7 +21,7 @@
 #include "host/core/paths.h"
 #include "host/core/session.h"
 #include "tests/host/confine/child.h"
-#include "tests/host/host_test_support.h"
+#include "tests/support/files.h"
 
 namespace {
 
@@ -30,9 +30,9 @@ using confine_test::RunInChild;
 using plughost::Failure;
 using plughost::PathMapper;
 using plughost::UsageError;
-using plughost_test::ReadFile;
-using plughost_test::TempDir;
-using plughost_test::WriteFile;
+using test_support::ReadFile;
+using test_support::TempDir;
+using test_support::WriteFile;
 
 class SessionConfineTest : public ::testing::Test {
  protected:
