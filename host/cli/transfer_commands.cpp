@@ -31,9 +31,10 @@ std::shared_ptr<_FS_HANDLE> HandleFor(ProgressBar& bar) {
 struct GetArgs {
   std::string path;
   std::string local;
+  int device_fd = -1;  // a destination that is not a regular file, opened before confining
 };
 
-int Get(Invocation& run, const GetArgs& args) {
+int Get(Invocation& run, GetArgs& args) {
   Context context{"get", args.path};
   std::string relative = run.Relative(args.path, "get");
   _FS_FILE_V2 file = run.client().Info(run.paths().Protocol(relative), context);
@@ -50,7 +51,8 @@ int Get(Invocation& run, const GetArgs& args) {
   }
   int fd = STDOUT_FILENO;
   if (!to_stdout) {
-    fd = open(local.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    fd = args.device_fd >= 0 ? std::exchange(args.device_fd, -1)
+                             : open(local.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0) throw Failure(context, "cannot open " + local + ": " + std::strerror(errno));
   } else {
     std::cout.flush();
@@ -94,11 +96,50 @@ int Get(Invocation& run, const GetArgs& args) {
   return kExitOk;
 }
 
+// A get writes in its destination directory: the one local place it needs
+// besides the root once confined. A device or pipe named as the destination
+// (/dev/null, /dev/stdout) is opened before instead.
+LocalFiles PrepareGet(GetArgs& args) {
+  if (args.local == "-") return {};
+  std::string local = args.local.empty() ? std::string(".") : args.local;
+  struct stat st {};
+  bool exists = stat(local.c_str(), &st) == 0;
+  if (exists && S_ISDIR(st.st_mode)) return {{}, {local}};
+  if (exists && !S_ISREG(st.st_mode)) {
+    args.device_fd = open(local.c_str(), O_WRONLY | O_CLOEXEC);
+    if (args.device_fd < 0) {
+      throw Failure("get " + args.path + ": cannot open " + local + ": " + std::strerror(errno));
+    }
+    return {};
+  }
+  // The directory the file is (or will be) in, after any link to it.
+  std::error_code error;
+  std::filesystem::path target =
+      exists ? std::filesystem::canonical(local, error) : std::filesystem::path(local);
+  if (error) target = local;
+  std::string parent = target.parent_path().string();
+  return {{}, {parent.empty() ? std::string(".") : parent}};
+}
+
 struct PutArgs {
   std::string local;
   std::string dir;
   std::string name;
+  std::shared_ptr<FileCache> spooled;  // standard input, read before confining
 };
+
+// Standard input is spooled to a temporary file, which must be made before
+// the process is confined to the root; a local file is opened later, by name.
+LocalFiles PreparePut(PutArgs& args) {
+  if (args.local != "-") return {{args.local}, {}};
+  if (args.name.empty()) throw UsageError("put -: --name is required when reading standard input");
+  try {
+    args.spooled = FileCache::FromStream(std::cin);
+  } catch (const std::system_error& error) {
+    throw Failure("put -: cannot read: " + error.code().message());
+  }
+  return {};
+}
 
 int Put(Invocation& run, const PutArgs& args) {
   std::string name = args.name;
@@ -112,11 +153,11 @@ int Put(Invocation& run, const PutArgs& args) {
   std::string dir = run.Relative(args.dir, "put");
   std::string target = ChildPath(dir, name);
   Context context{"put", DisplayPath(target)};
+  run.paths().CheckLinks(target, context);
 
-  std::unique_ptr<FileCache> cache;
+  std::shared_ptr<FileCache> cache;
   try {
-    cache = args.local == "-" ? FileCache::FromStream(std::cin)
-                              : std::make_unique<FileCache>(args.local);
+    cache = args.local == "-" ? args.spooled : std::make_unique<FileCache>(args.local);
   } catch (const std::system_error& error) {
     throw Failure("put " + args.local + ": cannot read: " + error.code().message());
   }
@@ -162,8 +203,9 @@ int Put(Invocation& run, const PutArgs& args) {
 
 void RegisterTransferCommands(CommandSet& commands) {
   auto get = std::make_shared<GetArgs>();
-  CLI::App* get_cmd = commands.Add("get", "Copy a file from the storage to a local file",
-                                   [get](Invocation& run) { return Get(run, *get); });
+  CLI::App* get_cmd = commands.Add(
+      "get", "Copy a file from the storage to a local file",
+      [get](Invocation& run) { return Get(run, *get); }, [get] { return PrepareGet(*get); });
   get_cmd->add_option("path", get->path, "File to copy")->required()->type_name("PATH");
   get_cmd
       ->add_option("local", get->local,
@@ -172,8 +214,9 @@ void RegisterTransferCommands(CommandSet& commands) {
       ->type_name("LOCAL");
 
   auto put = std::make_shared<PutArgs>();
-  CLI::App* put_cmd = commands.Add("put", "Copy a local file into a storage directory",
-                                   [put](Invocation& run) { return Put(run, *put); });
+  CLI::App* put_cmd = commands.Add(
+      "put", "Copy a local file into a storage directory",
+      [put](Invocation& run) { return Put(run, *put); }, [put] { return PreparePut(*put); });
   put_cmd->add_option("local", put->local, "Local file to copy, or - for stdin (needs --name)")
       ->required()
       ->type_name("LOCAL");
