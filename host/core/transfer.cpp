@@ -169,7 +169,6 @@ class WatchedSource final : public ICacheIO {
 };
 
 // Removes a temporary file of ours; a file that is already gone is fine.
-
 // Returns false when it is still there.
 bool RemoveQuietly(Client& client, const std::string& path) {
   try {
@@ -187,8 +186,6 @@ bool RemoveQuietly(Client& client, const std::string& path) {
   }
   return false;
 }
-
-// The record of an existing file, nothing when there is none; throws
 
 }  // namespace
 
