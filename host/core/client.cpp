@@ -102,6 +102,16 @@ std::vector<_FS_FILE_V2> Client::List(const std::string& path, const Context& co
   return std::move(list.files());
 }
 
+void Client::ForEach(const std::string& path, const Context& context,
+                     const std::function<void(const _FS_FILE_V2&)>& on_file) {
+  FileListAdapter list(on_file);
+  char* msg = nullptr;
+  AERROR code = protocol_->GetFileList(path.c_str(), &list, &msg);
+  std::string message = TakeMessage(msg);
+  list.RethrowIfFailed();
+  Check(code, context, message);
+}
+
 AERROR Client::Read(const std::string& path, long long offset, long long length,
                     std::shared_ptr<_FS_HANDLE> handle, IFetchCallback* sink,
                     std::string* message) {

@@ -279,11 +279,6 @@ fuse_operations MakeOperations() {
 
 // --- mounting -------------------------------------------------------------------
 
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
-
 std::string CheckMountPoint(const std::string& mountpoint) {
   std::string absolute = AbsolutePath(mountpoint);
   struct stat st {};
