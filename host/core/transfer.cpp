@@ -239,6 +239,15 @@ bool SameLocalFile(const std::string& a, const std::string& b) {
   return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
 }
 
+std::string LocalRootFor(const std::string& root_id, const std::string& root_path) {
+  struct stat st {};
+  if (root_id.empty() || root_id.front() != '/' || stat(root_id.c_str(), &st) != 0 ||
+      !S_ISDIR(st.st_mode) || !SameLocalFile(root_id, root_path)) {
+    return {};
+  }
+  return root_id;
+}
+
 // --- ReplaceFile ---------------------------------------------------------------------
 
 std::string ReplaceResult::Describe() const {
@@ -257,8 +266,6 @@ std::string ReplaceResult::Describe() const {
     text += "; the existing file was kept as " + old_kept_at;
   } else if (kept_existing) {
     text += "; the existing file was kept";
-  } else if (!existed && status != TransferStatus::kDone) {
-    text += "; nothing was written";
   }
   return text;
 }

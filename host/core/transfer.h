@@ -175,6 +175,12 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request);
 // with its relative path.
 bool SameLocalFile(const std::string& a, const std::string& b);
 
+// The local directory a plug-in serves, for the checks above and for
+// telling lack of space apart: `root_id` (the root's identifier) when it
+// names an existing local directory that is `root_path` (the "root_path"
+// option the host set), "" otherwise (a plug-in whose paths are not local).
+std::string LocalRootFor(const std::string& root_id, const std::string& root_path);
+
 // --- space ------------------------------------------------------------------------------
 
 // Bytes this process may still write on the file system holding `path`

@@ -165,11 +165,7 @@ std::string DownloadResult::Describe() const {
       text = reason.empty() ? "failed" : reason;
       break;
   }
-  if (kept_existing) {
-    text += "; the existing file was kept";
-  } else if (!existed && !in_place) {
-    text += "; nothing was written";
-  }
+  if (kept_existing) text += "; the existing file was kept";
   return text;
 }
 

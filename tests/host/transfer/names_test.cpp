@@ -95,6 +95,18 @@ TEST(SameLocalFile, SamePathHardLinkAndSymbolicLink) {
   EXPECT_FALSE(plughost::SameLocalFile("", ""));
 }
 
+TEST(LocalRootFor, OnlyWhenTheRootIdIsTheLocalRoot) {
+  TempDir dir;
+  mkdir((dir / "root").c_str(), 0755);
+  ASSERT_EQ(symlink("root", (dir / "link").c_str()), 0);
+  EXPECT_EQ(plughost::LocalRootFor(dir / "root", dir / "root"), dir / "root");
+  EXPECT_EQ(plughost::LocalRootFor(dir / "root", dir / "link"), dir / "root");
+  EXPECT_EQ(plughost::LocalRootFor(dir / "root", dir.path()), "");
+  EXPECT_EQ(plughost::LocalRootFor("remote:/", dir / "root"), "");
+  EXPECT_EQ(plughost::LocalRootFor(dir / "missing", dir / "missing"), "");
+  EXPECT_EQ(plughost::LocalRootFor("", ""), "");
+}
+
 TEST(FreeBytes, OfADirectoryAndOfNothing) {
   TempDir dir;
   std::optional<unsigned long long> free = plughost::FreeBytes(dir.path());

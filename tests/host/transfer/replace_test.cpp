@@ -126,7 +126,7 @@ TEST_F(Replace, CancelledNewFileLeavesNothing) {
   ReplaceResult result = Put("new.bin", &source, 3 * kChunk, handle);
   EXPECT_EQ(result.status, TransferStatus::kCancelled);
   EXPECT_FALSE(result.existed);
-  EXPECT_EQ(result.Describe(), "cancelled; nothing was written");
+  EXPECT_EQ(result.Describe(), "cancelled");
   EXPECT_TRUE(Names(root_).empty());
 }
 
