@@ -46,7 +46,9 @@ while [ -n "$(jobs -rp)" ]; do
   else
     fail "get failed: $(cat "$work/get/err")"
   fi
-  one_version "$root/shared.bin" || fail "the storage file is a mix"
+  # One open of the name (cp), then two comparisons of what it read.
+  cp "$root/shared.bin" "$work/look"
+  one_version "$work/look" || fail "the storage file is a mix"
 done
 wait
 
