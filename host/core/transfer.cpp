@@ -187,6 +187,38 @@ bool RemoveQuietly(Client& client, const std::string& path) {
   return false;
 }
 
+// Where the storage is a local directory (its protocol paths are local
+// paths): creates the temporary file first with the owner and permission
+// bits of the file it will replace, so that the new content is never more
+// exposed than the old and the replaced file keeps its mode. The plug-in's
+// Upload then rewrites that empty file in place (truncating keeps its mode).
+// Returns the final mode, or nothing when the file could not be prepared.
+std::optional<mode_t> PrepareLocalTemporary(const std::string& final_path,
+                                            const std::string& parent, const std::string& name,
+                                            std::string* temporary) {
+  struct stat st {};
+  if (stat(final_path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+  const mode_t mode = st.st_mode & 07777;
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    const std::string path = Join(parent, *temporary);
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+      if (st.st_uid != geteuid() || st.st_gid != getegid()) {
+        if (fchown(fd, st.st_uid, st.st_gid) != 0) {
+          // Not allowed: the new file belongs to this user, as any new file would.
+        }
+      }
+      // Writable by its owner while it is written; the final bits come later.
+      fchmod(fd, mode | S_IWUSR);
+      close(fd);
+      return mode;
+    }
+    if (errno != EEXIST) return std::nullopt;
+    *temporary = TemporaryNameFor(name);
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 // --- temporary names -----------------------------------------------------------
@@ -308,7 +340,11 @@ ReplaceResult ReplaceFile(Client& client, const ReplaceRequest& request) {
   if (Stopped(*handle)) return cancel();
 
   // 1. The whole content under a temporary name.
-  const std::string temporary = TemporaryNameFor(request.name);
+  std::string temporary = TemporaryNameFor(request.name);
+  std::optional<mode_t> final_mode;
+  if (result.existed && !request.local_root.empty()) {
+    final_mode = PrepareLocalTemporary(final_path, request.parent, request.name, &temporary);
+  }
   const std::string temporary_path = Join(request.parent, temporary);
   WatchedSource source(request.source, request.local_root);
   _FS_FILE_V2 uploaded;
@@ -335,6 +371,10 @@ ReplaceResult ReplaceFile(Client& client, const ReplaceRequest& request) {
                                                 : "failed: " + DescribeCode(client, code, message);
     return fail("upload", code, message, reason);
   }
+
+  // The owner may not write to the file it replaces: the temporary file was
+  // writable for the upload, and takes the final mode only now.
+  if (final_mode && (*final_mode & S_IWUSR) == 0) chmod(temporary_path.c_str(), *final_mode);
 
   // 2. Rename it over the final name.
   try {

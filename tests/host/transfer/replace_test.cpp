@@ -65,6 +65,39 @@ TEST_F(Replace, ReplacesAnExistingFileWhole) {
   EXPECT_THAT(Names(root_), ::testing::ElementsAre("a.txt"));
 }
 
+mode_t Mode(const std::string& path) {
+  struct stat st {};
+  stat(path.c_str(), &st);
+  return st.st_mode & 07777;
+}
+
+// With the local root known, a replaced file keeps its permission bits, a
+// private one stays private, a read-only one is replaced and stays read-only.
+TEST_F(Replace, AReplacedFileKeepsItsMode) {
+  for (mode_t mode : {0600, 0640, 0444, 0755}) {
+    WriteFile(Local("a.txt"), "old");
+    chmod(Local("a.txt").c_str(), mode);
+    Source source("new");
+    ReplaceResult result = Put("a.txt", &source, 3, nullptr, root_);
+    ASSERT_TRUE(result.ok()) << result.Describe();
+    EXPECT_EQ(ReadFile(Local("a.txt")), "new");
+    EXPECT_EQ(Mode(Local("a.txt")), mode) << std::oct << mode;
+    chmod(Local("a.txt").c_str(), 0644);
+  }
+  EXPECT_THAT(Names(root_), ::testing::ElementsAre("a.txt"));
+}
+
+TEST_F(Replace, APreparedTemporaryIsRemovedOnFailure) {
+  WriteFile(Local("a.txt"), "old");
+  chmod(Local("a.txt").c_str(), 0600);
+  Source source(Pattern(kChunk + 1), nullptr, Source::kFailAt, kChunk);
+  ReplaceResult result = Put("a.txt", &source, kChunk + 1, nullptr, root_);
+  EXPECT_EQ(result.status, TransferStatus::kFailed);
+  EXPECT_EQ(ReadFile(Local("a.txt")), "old");
+  EXPECT_EQ(Mode(Local("a.txt")), 0600u);
+  EXPECT_THAT(Names(root_), ::testing::ElementsAre("a.txt"));
+}
+
 TEST_F(Replace, EmptyContent) {
   WriteFile(Local("a.txt"), "old");
   ASSERT_TRUE(Put("a.txt", "").ok());
