@@ -10,6 +10,7 @@
 
 #include "host/cli/commands.h"
 #include "host/cli/options.h"
+#include "host/core/file_time.h"
 
 #ifndef PLUGHOST_VERSION
 #define PLUGHOST_VERSION "0"
@@ -17,6 +18,8 @@
 
 int main(int argc, char** argv) {
   std::ios::sync_with_stdio(false);
+  // One read of the zone file instead of a check per converted time.
+  plughost::PinTimeZone();
   plughost::GlobalOptions options;
   CLI::App app{
       "plughost: use a storage-protocol plug-in from the shell.\n"

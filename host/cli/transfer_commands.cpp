@@ -11,6 +11,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
@@ -134,11 +135,41 @@ int Get(Invocation& run, const GetArgs& args) {
   return kExitOk;
 }
 
+// A get writes in its destination directory (or to a device or pipe named
+// as the destination): the one local place it needs besides the root. A
+// link as the destination is followed, so the place is where it leads.
+LocalFiles GetLocalFiles(const GetArgs& args) {
+  if (args.local == "-") return {};
+  std::string local = args.local.empty() ? std::string(".") : args.local;
+  if (char* real = realpath(local.c_str(), nullptr)) {
+    local = real;
+    std::free(real);
+  }
+  struct stat st {};
+  if (stat(local.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) return {{}, {local}};
+  std::string parent = std::filesystem::path(local).parent_path().string();
+  return {{}, {parent.empty() ? std::string(".") : parent}};
+}
+
 struct PutArgs {
   std::string local;
   std::string dir;
   std::string name;
+  std::shared_ptr<FileCache> spooled;  // standard input, read before confining
 };
+
+// Standard input is spooled to a temporary file, which must be made before
+// the process is confined to the root; a local file is opened later, by name.
+LocalFiles PreparePut(PutArgs& args) {
+  if (args.local != "-") return {{args.local}, {}};
+  if (args.name.empty()) throw UsageError("put -: --name is required when reading standard input");
+  try {
+    args.spooled = FileCache::FromStream(std::cin);
+  } catch (const std::system_error& error) {
+    throw Failure("put -: cannot read: " + error.code().message());
+  }
+  return {};
+}
 
 int Put(Invocation& run, const PutArgs& args) {
   std::string name = args.name;
@@ -153,6 +184,7 @@ int Put(Invocation& run, const PutArgs& args) {
   std::string target = ChildPath(dir, name);
   std::string display = DisplayPath(target);
   Context context{"put", display};
+  run.paths().CheckLinks(target, context);
   const std::string local_root = LocalRoot(run);
   if (args.local != "-" && SameLocalFile(args.local, LocalPathOf(local_root, target))) {
     throw Failure(
@@ -160,10 +192,9 @@ int Put(Invocation& run, const PutArgs& args) {
         EINVAL);
   }
 
-  std::unique_ptr<FileCache> cache;
+  std::shared_ptr<FileCache> cache;
   try {
-    cache = args.local == "-" ? FileCache::FromStream(std::cin)
-                              : std::make_unique<FileCache>(args.local);
+    cache = args.local == "-" ? args.spooled : std::make_unique<FileCache>(args.local);
   } catch (const std::system_error& error) {
     throw Failure("put " + args.local + ": cannot read: " + error.code().message());
   }
@@ -285,8 +316,9 @@ int Cleanup(Invocation& run, const CleanupArgs& args) {
 
 void RegisterTransferCommands(CommandSet& commands) {
   auto get = std::make_shared<GetArgs>();
-  CLI::App* get_cmd = commands.Add("get", "Copy a file from the storage to a local file",
-                                   [get](Invocation& run) { return Get(run, *get); });
+  CLI::App* get_cmd = commands.Add(
+      "get", "Copy a file from the storage to a local file",
+      [get](Invocation& run) { return Get(run, *get); }, [get] { return GetLocalFiles(*get); });
   get_cmd->add_option("path", get->path, "File to copy")->required()->type_name("PATH");
   get_cmd
       ->add_option("local", get->local,
@@ -295,8 +327,9 @@ void RegisterTransferCommands(CommandSet& commands) {
       ->type_name("LOCAL");
 
   auto put = std::make_shared<PutArgs>();
-  CLI::App* put_cmd = commands.Add("put", "Copy a local file into a storage directory",
-                                   [put](Invocation& run) { return Put(run, *put); });
+  CLI::App* put_cmd = commands.Add(
+      "put", "Copy a local file into a storage directory",
+      [put](Invocation& run) { return Put(run, *put); }, [put] { return PreparePut(*put); });
   put_cmd->add_option("local", put->local, "Local file to copy, or - for stdin (needs --name)")
       ->required()
       ->type_name("LOCAL");

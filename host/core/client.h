@@ -70,6 +70,9 @@ class Client {
  private:
   // Takes over a text stored through `char** msg`.
   std::string TakeMessage(char* msg);
+  // Delete and DeleteDirectory take the entry's record with its identifier.
+  void DeleteEntry(AERROR (IProtocol_V2::*slot)(_FS_FILE_V2*, char**), const std::string& path,
+                   const Context& context);
   // Runs a buffer-and-length call twice: once for the length, once to copy.
   template <typename Call>
   std::string ReadText(Call call, const Context& context);

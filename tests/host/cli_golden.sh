@@ -8,7 +8,8 @@
 # UPDATE_GOLDEN=1 rewrites the golden file instead of comparing.
 # Output is made stable: TZ=UTC, file times set with touch -d, and the parts
 # that depend on the machine (temporary paths, status-change times, the host
-# name, directory sizes and access times of listed directories, disk figures)
+# name, directory sizes and access times of listed directories, disk figures,
+# the confinement in use and the fallback's warning)
 # are replaced by placeholders.
 set -u
 plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
@@ -298,6 +299,39 @@ case_escape() {
   ph ls docs/..
 }
 
+# Options of the main command work before and after the subcommand's name.
+case_flags() {
+  make_tree
+  ph --no-progress put upload.txt docs
+  ph put upload.txt docs --name again.txt --no-progress
+  ph --progress --no-progress put upload.txt
+  ph --json stat a.txt
+  ph stat a.txt --json
+  raw ls docs -l --root "$root"
+  ph --json ls --stream docs/sub
+  ph ls --unsorted --json empty
+  ph ls -U -l docs/sub
+}
+
+# Names with control characters and bytes that are not UTF-8.
+case_names() {
+  make_tree
+  mkdir -p "$root/odd"
+  printf 'x' >"$root/odd/$(printf 'new\nline')"
+  printf 'x' >"$root/odd/$(printf 'esc\033[31mred')"
+  printf 'x' >"$root/odd/$(printf 'caf\351')"
+  printf 'x' >"$root/odd/$(printf 'caf\303\251')"
+  printf 'x' >"$root/odd/a b"
+  touch -d '2024-01-01 00:00:00' "$root/odd/"*
+  ph ls odd
+  ph ls -l odd
+  ph --json ls odd
+  ph --literal ls odd
+  ph stat "odd/$(printf 'caf\351')"
+  ph --json stat "odd/$(printf 'caf\351')"
+  ph rm "odd/$(printf 'new\nline')"
+}
+
 if ! declare -F "case_$case_name" >/dev/null; then
   echo "unknown case $case_name" >&2
   exit 2
@@ -319,6 +353,10 @@ sed -E \
   -e "s|\"user\":\"$host_name/|\"user\":\"<HOST>/|" \
   -e 's/^create: .*/create: <ctime>/' \
   -e 's/\.plughost-[A-Za-z0-9]{6}\.(partial|old)/.plughost-XXXXXX.\1/g' \
+  -e 's/^confinement: .*/confinement: <CONFINEMENT>/' \
+  -e 's/"confinement":"[a-z]+","landlock_abi":[0-9]+/"confinement":<CONFINEMENT>/' \
+  -e '/^2> plughost: warning: confinement falls back/d' \
+  -e 's/"id_bytes":"[^"]*"/"id_bytes":"<id>"/g' \
   -e '/^type:   directory$/{n;s/^size:   [0-9]+$/size:   <dirsize>/}' \
   -e 's/"create_time":"[^"]*"/"create_time":"<ctime>"/g' \
   -e 's/("type":"directory","size":)[0-9]+(,"id":"[^"]*","create_time":"[^"]*","access_time":")[^"]*/\1<dirsize>\2<atime>/g' \
