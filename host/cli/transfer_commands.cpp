@@ -115,7 +115,7 @@ int Get(Invocation& run, const GetArgs& args) {
     result = DownloadFile(run.client(), request);
   }
   bar.Finish();
-  if (result.status == TransferStatus::kCancelled || Interrupted()) {
+  if (result.status == TransferStatus::kCancelled) {
     throw Cancelled("get " + args.path + ": " + result.Describe());
   }
   if (!result.ok()) {

@@ -107,8 +107,9 @@ class LocalTemporary {
   int fd() const noexcept { return fd_; }
 
   // Gives the file its name, closes it and renames it over `base`. Returns
-  // 0 or errno, with `what` naming the step.
-  int Publish(const char** what) {
+  // 0 or errno, with `what` naming the step; ECANCELED when `stop` asks to
+  // stop before the rename (the last moment that keeps the old file).
+  int Publish(const _FS_HANDLE& stop, const char** what) {
     if (name_.empty()) {
       // linkat cannot replace a name: link under a temporary name, then rename.
       const std::string proc = "/proc/self/fd/" + std::to_string(fd_);
@@ -130,6 +131,7 @@ class LocalTemporary {
       *what = "close";
       return errno;
     }
+    if (Stopped(stop)) return ECANCELED;
     if (renameat(dir_fd_, name_.c_str(), dir_fd_, base_.c_str()) != 0) {
       *what = "rename";
       return errno;
@@ -305,7 +307,14 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
   } else {
     if (request.sync && fsync(out) != 0) return finish(local_failure("write", errno));
     const char* what = "rename";
-    if (int error = temporary.Publish(&what)) return finish(local_failure(what, error));
+    if (int error = temporary.Publish(*user, &what)) {
+      if (error != ECANCELED) return finish(local_failure(what, error));
+      result.status = TransferStatus::kCancelled;
+      result.code = READ_CANCELED;
+      result.kept_existing = result.existed;
+      result.reason = "cancelled";
+      return finish(result);
+    }
     if (request.sync) fsync(dir_fd);
   }
   result.status = TransferStatus::kDone;

@@ -82,6 +82,24 @@ TEST_F(Download, ReplacesAnExistingFileKeepingItsMode) {
   EXPECT_THAT(Names(local_), ::testing::ElementsAre("a.txt"));
 }
 
+TEST_F(Download, AReadOnlyFileIsReplacedAndStaysReadOnly) {
+  WriteFile(Local("a.txt"), "new");
+  WriteFile(local_ + "/a.txt", "old");
+  chmod((local_ + "/a.txt").c_str(), 0444);
+  ASSERT_TRUE(Get("a.txt", local_ + "/a.txt").ok());
+  EXPECT_EQ(ReadFile(local_ + "/a.txt"), "new");
+  EXPECT_EQ(Mode(local_ + "/a.txt"), 0444u);
+}
+
+TEST_F(Download, AHardLinkKeepsTheOldContent) {
+  WriteFile(Local("a.txt"), "new");
+  WriteFile(local_ + "/a.txt", "old");
+  ASSERT_EQ(link((local_ + "/a.txt").c_str(), (local_ + "/other").c_str()), 0);
+  ASSERT_TRUE(Get("a.txt", local_ + "/a.txt").ok());
+  EXPECT_EQ(ReadFile(local_ + "/a.txt"), "new");
+  EXPECT_EQ(ReadFile(local_ + "/other"), "old");
+}
+
 TEST_F(Download, ARelativeDestination) {
   WriteFile(Local("a.txt"), "new");
   char cwd[4096];

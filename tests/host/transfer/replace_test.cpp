@@ -98,6 +98,18 @@ TEST_F(Replace, APreparedTemporaryIsRemovedOnFailure) {
   EXPECT_THAT(Names(root_), ::testing::ElementsAre("a.txt"));
 }
 
+// As rsync does: the link at the name is replaced, the file it led to kept.
+TEST_F(Replace, ASymbolicLinkAtTheNameIsReplacedAndItsTargetKept) {
+  WriteFile(Local("target.txt"), "target");
+  ASSERT_EQ(symlink("target.txt", Local("link.txt").c_str()), 0);
+  ASSERT_TRUE(Put("link.txt", "new").ok());
+  struct stat st {};
+  ASSERT_EQ(lstat(Local("link.txt").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+  EXPECT_EQ(ReadFile(Local("link.txt")), "new");
+  EXPECT_EQ(ReadFile(Local("target.txt")), "target");
+}
+
 TEST_F(Replace, EmptyContent) {
   WriteFile(Local("a.txt"), "old");
   ASSERT_TRUE(Put("a.txt", "").ok());
