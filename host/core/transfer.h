@@ -131,6 +131,10 @@ struct DownloadRequest {
   // Times the file is read again when it changed size while being read (a
   // concurrent replace in the storage); each read is one whole version.
   int attempts = 3;
+  // A destination that is not a regular file (a device, a pipe), already
+  // open for writing (before a confinement, say): written directly and
+  // closed by DownloadFile. -1: open `local_path`.
+  int device_fd = -1;
 };
 
 struct DownloadResult {

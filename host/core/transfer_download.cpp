@@ -190,7 +190,7 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
   // Where the bytes go: a link is followed, as cp does.
   result.local_path = request.local_path;
   struct stat st {};
-  bool exists = lstat(result.local_path.c_str(), &st) == 0;
+  bool exists = request.device_fd >= 0 || lstat(result.local_path.c_str(), &st) == 0;
   if (exists && S_ISLNK(st.st_mode)) {
     char* real = realpath(result.local_path.c_str(), nullptr);
     if (real == nullptr) return local_failure("write through the link", errno);
@@ -199,8 +199,8 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
     exists = stat(result.local_path.c_str(), &st) == 0;
   }
   if (exists && S_ISDIR(st.st_mode)) return local_failure("write", EISDIR);
-  result.existed = exists && S_ISREG(st.st_mode);
-  result.in_place = exists && !S_ISREG(st.st_mode);
+  result.existed = request.device_fd < 0 && exists && S_ISREG(st.st_mode);
+  result.in_place = request.device_fd >= 0 || (exists && !S_ISREG(st.st_mode));
 
   const std::string& dest = result.local_path;
   const size_t slash = dest.find_last_of('/');
@@ -214,7 +214,8 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
   int out = -1;
   if (result.in_place) {
     // A device or a FIFO: there is no old content to keep, and no rename.
-    out = open(dest.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    out = request.device_fd >= 0 ? request.device_fd
+                                 : open(dest.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
     if (out < 0) return local_failure("open", errno);
   } else {
     dir_fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

@@ -253,6 +253,26 @@ TEST_F(Download, AFifoIsWrittenInPlace) {
   EXPECT_THAT(Names(local_), ::testing::ElementsAre("fifo"));
 }
 
+TEST_F(Download, AnOpenDeviceOrPipeIsWrittenAndClosed) {
+  WriteFile(Local("a.txt"), "through the pipe");
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  DownloadRequest request;
+  request.path = root_id_ + "/a.txt";
+  request.size = 16;
+  request.local_path = "(pipe)";
+  request.device_fd = fds[1];
+  DownloadResult result = DownloadFile(*client_, request);
+  ASSERT_TRUE(result.ok()) << result.Describe();
+  EXPECT_TRUE(result.in_place);
+  char buffer[64] = {};
+  EXPECT_EQ(read(fds[0], buffer, sizeof buffer), 16);
+  EXPECT_EQ(std::string(buffer), "through the pipe");
+  EXPECT_EQ(read(fds[0], buffer, sizeof buffer), 0);  // the writing end was closed
+  close(fds[0]);
+  EXPECT_TRUE(Names(local_).empty());
+}
+
 class DownloadOnFullFs : public Download {
  protected:
   void SetUp() override {
