@@ -5,6 +5,7 @@
 // transfer, and a failure says whether the existing file was kept. A file
 // copied onto itself is refused, as cp does. `cleanup` finds and removes the
 // temporary files that a killed transfer leaves.
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -59,6 +60,7 @@ std::string LocalPathOf(const std::string& local_root, const std::string& relati
 struct GetArgs {
   std::string path;
   std::string local;
+  int device_fd = -1;  // a destination that is not a regular file, opened before confining
 };
 
 // get to standard output: a stream, written as it comes.
@@ -81,7 +83,7 @@ void GetToStdout(Invocation& run, const std::string& relative, long long size, P
   bar.Finish();
 }
 
-int Get(Invocation& run, const GetArgs& args) {
+int Get(Invocation& run, GetArgs& args) {
   Context context{"get", args.path};
   std::string relative = run.Relative(args.path, "get");
   _FS_FILE_V2 file = run.client().Info(run.paths().Protocol(relative), context);
@@ -108,6 +110,7 @@ int Get(Invocation& run, const GetArgs& args) {
   request.path = run.paths().Protocol(relative);
   request.size = file.size;
   request.local_path = local;
+  request.device_fd = std::exchange(args.device_fd, -1);
   DownloadResult result;
   {
     request.handle = HandleFor(bar);
@@ -135,19 +138,28 @@ int Get(Invocation& run, const GetArgs& args) {
   return kExitOk;
 }
 
-// A get writes in its destination directory (or to a device or pipe named
-// as the destination): the one local place it needs besides the root. A
-// link as the destination is followed, so the place is where it leads.
-LocalFiles GetLocalFiles(const GetArgs& args) {
+// A get writes in its destination directory: the one local place it needs
+// besides the root once confined. A device or pipe named as the destination
+// (/dev/null, /dev/stdout) is opened before instead.
+LocalFiles PrepareGet(GetArgs& args) {
   if (args.local == "-") return {};
   std::string local = args.local.empty() ? std::string(".") : args.local;
-  if (char* real = realpath(local.c_str(), nullptr)) {
-    local = real;
-    std::free(real);
-  }
   struct stat st {};
-  if (stat(local.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) return {{}, {local}};
-  std::string parent = std::filesystem::path(local).parent_path().string();
+  bool exists = stat(local.c_str(), &st) == 0;
+  if (exists && S_ISDIR(st.st_mode)) return {{}, {local}};
+  if (exists && !S_ISREG(st.st_mode)) {
+    args.device_fd = open(local.c_str(), O_WRONLY | O_CLOEXEC);
+    if (args.device_fd < 0) {
+      throw Failure("get " + args.path + ": cannot open " + local + ": " + std::strerror(errno));
+    }
+    return {};
+  }
+  // The directory the file is (or will be) in, after any link to it.
+  std::error_code error;
+  std::filesystem::path target =
+      exists ? std::filesystem::canonical(local, error) : std::filesystem::path(local);
+  if (error) target = local;
+  std::string parent = target.parent_path().string();
   return {{}, {parent.empty() ? std::string(".") : parent}};
 }
 
@@ -318,7 +330,7 @@ void RegisterTransferCommands(CommandSet& commands) {
   auto get = std::make_shared<GetArgs>();
   CLI::App* get_cmd = commands.Add(
       "get", "Copy a file from the storage to a local file",
-      [get](Invocation& run) { return Get(run, *get); }, [get] { return GetLocalFiles(*get); });
+      [get](Invocation& run) { return Get(run, *get); }, [get] { return PrepareGet(*get); });
   get_cmd->add_option("path", get->path, "File to copy")->required()->type_name("PATH");
   get_cmd
       ->add_option("local", get->local,

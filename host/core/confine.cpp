@@ -160,7 +160,11 @@ void AddRule(int ruleset, const Entry& entry, uint64_t handled) {
   if (!S_ISDIR(st.st_mode)) rights &= kFileRights;
   if (rights == 0) return;
   if (AddPathRule(ruleset, rights, fd.get()) != 0) {
-    throw std::runtime_error(ErrnoText("cannot confine to " + entry.path, errno));
+    int error = errno;
+    // A pipe or socket named through /proc (put /dev/stdin) is not a place in
+    // a file system; the kernel lets the process reopen those anyway.
+    if (!entry.required && error == EBADFD) return;
+    throw std::runtime_error(ErrnoText("cannot confine to " + entry.path, error));
   }
 }
 

@@ -87,6 +87,9 @@ void PathMapper::CheckLinks(const std::string& relative, const Context& context)
 std::optional<std::string> PathMapper::ProtocolOf(std::string_view path) const {
   std::optional<std::string> relative = NormalizeUserPath(path);
   if (!relative) return std::nullopt;
+  if (!local_root_.empty() && CheckBeneath(local_root_, *relative, no_follow_links_) != 0) {
+    return std::nullopt;
+  }
   return Protocol(*relative);
 }
 

@@ -69,7 +69,7 @@ class PathMapper {
     return JoinProtocolPath(root_id_, relative);
   }
   // The protocol path of a user's or the kernel's path; nothing when it
-  // leaves the root.
+  // leaves the root (by its text, or through a link when checked).
   std::optional<std::string> ProtocolOf(std::string_view path) const;
 
  private:

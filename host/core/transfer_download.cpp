@@ -187,16 +187,25 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
     return result;
   };
 
-  // Where the bytes go: a link is followed, as cp does.
+  // Where the bytes go: links are followed, a dangling one to the file it
+  // names, which is then created.
   result.local_path = request.local_path;
   struct stat st {};
   bool exists = request.device_fd >= 0 || lstat(result.local_path.c_str(), &st) == 0;
-  if (exists && S_ISLNK(st.st_mode)) {
-    char* real = realpath(result.local_path.c_str(), nullptr);
-    if (real == nullptr) return local_failure("write through the link", errno);
-    result.local_path = real;
-    std::free(real);
-    exists = stat(result.local_path.c_str(), &st) == 0;
+  for (int hops = 0; exists && S_ISLNK(st.st_mode); ++hops) {
+    if (hops == 40) return local_failure("write through the link", ELOOP);
+    std::string target(4096, '\0');
+    ssize_t n = readlink(result.local_path.c_str(), target.data(), target.size());
+    if (n < 0 || static_cast<size_t>(n) >= target.size()) {
+      return local_failure("write through the link", n < 0 ? errno : ENAMETOOLONG);
+    }
+    target.resize(static_cast<size_t>(n));
+    const size_t slash = result.local_path.find_last_of('/');
+    if (target.front() != '/' && slash != std::string::npos) {
+      target = result.local_path.substr(0, slash + 1) + target;
+    }
+    result.local_path = target;
+    exists = lstat(result.local_path.c_str(), &st) == 0;
   }
   if (exists && S_ISDIR(st.st_mode)) return local_failure("write", EISDIR);
   result.existed = request.device_fd < 0 && exists && S_ISREG(st.st_mode);

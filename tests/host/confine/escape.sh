@@ -157,6 +157,20 @@ works rmdir in/newdir
 after=$(snapshot)
 [ "$before" = "$after" ] || fail "the outside tree changed while using links inside"
 
+# --- the local files a command names stay usable once confined ------------------------
+works get file /dev/null
+mkdir -p "$local_dir/dest"
+works get file "$local_dir/dest"
+[ "$(cat "$local_dir/dest/file" 2>/dev/null)" = inside ] || fail "get into a directory"
+ln -s dest/real "$local_dir/via-link"
+works get file "$local_dir/via-link"
+[ "$(cat "$local_dir/dest/real" 2>/dev/null)" = inside ] || fail "get through a local link"
+piped=$(cd "$local_dir" && "$plughost" --root "$root" get file /dev/stdout 2>"$work/stderr" | head -c 6)
+[ "$piped" = inside ] || fail "get to /dev/stdout through a pipe: $(cat "$work/stderr")"
+(cd "$local_dir" && printf 'from stdin' | "$plughost" --root "$root" put - --name stdin.txt) \
+  >/dev/null 2>"$work/stderr" || fail "put from stdin: $(cat "$work/stderr")"
+[ "$(cat "$root/stdin.txt" 2>/dev/null)" = "from stdin" ] || fail "put from stdin stored"
+
 if [ "$failures" -gt 0 ]; then
   echo "$failures failure(s)" >&2
   exit 1

@@ -80,6 +80,8 @@ TEST_F(SessionConfineTest, MapperRefusesLinksOutOfTheRoot) {
                 },
                 &error),
             "put /out/new: a symbolic link leads outside the storage root");
+  EXPECT_EQ(paths.ProtocolOf("out/secret"), std::nullopt);
+  EXPECT_EQ(paths.ProtocolOf("in/x"), root_ + "/in/x");
   EXPECT_EQ(paths.Relative("in/x", "ls"), "in/x");
   EXPECT_EQ(paths.Relative("/file", "cat"), "file");
   // Climbing out by its text stays a usage error.

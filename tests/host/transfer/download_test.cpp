@@ -117,20 +117,32 @@ TEST_F(Download, ASymbolicLinkIsFollowed) {
   ASSERT_EQ(symlink("target", (local_ + "/link").c_str()), 0);
   DownloadResult result = Get("a.txt", local_ + "/link");
   ASSERT_TRUE(result.ok()) << result.Describe();
-  EXPECT_EQ(result.local_path, local_ + "/target");
+  EXPECT_EQ(result.local_path, local_ + "/target");  // the link, resolved
   EXPECT_EQ(ReadFile(local_ + "/target"), "new");
   struct stat st {};
   ASSERT_EQ(lstat((local_ + "/link").c_str(), &st), 0);
   EXPECT_TRUE(S_ISLNK(st.st_mode));
 }
 
-TEST_F(Download, ADanglingLinkIsRefused) {
+TEST_F(Download, ADanglingLinkIsFollowedAndItsTargetCreated) {
   WriteFile(Local("a.txt"), "new");
-  ASSERT_EQ(symlink("nowhere", (local_ + "/link").c_str()), 0);
+  mkdir((local_ + "/dest").c_str(), 0755);
+  ASSERT_EQ(symlink("dest/real", (local_ + "/link").c_str()), 0);
   DownloadResult result = Get("a.txt", local_ + "/link");
+  ASSERT_TRUE(result.ok()) << result.Describe();
+  EXPECT_EQ(result.local_path, local_ + "/dest/real");
+  EXPECT_EQ(ReadFile(local_ + "/dest/real"), "new");
+  EXPECT_THAT(Names(local_), ::testing::ElementsAre("dest", "link"));
+}
+
+TEST_F(Download, ALinkLoopIsRefused) {
+  WriteFile(Local("a.txt"), "new");
+  ASSERT_EQ(symlink("b", (local_ + "/a").c_str()), 0);
+  ASSERT_EQ(symlink("a", (local_ + "/b").c_str()), 0);
+  DownloadResult result = Get("a.txt", local_ + "/a");
   EXPECT_EQ(result.status, TransferStatus::kFailed);
-  EXPECT_EQ(result.error, ENOENT);
-  EXPECT_THAT(Names(local_), ::testing::ElementsAre("link"));
+  EXPECT_EQ(result.error, ELOOP);
+  EXPECT_THAT(Names(local_), ::testing::ElementsAre("a", "b"));
 }
 
 TEST_F(Download, ADirectoryIsRefused) {
