@@ -221,6 +221,7 @@ int Put(Invocation& run, const PutArgs& args) {
   request.source = cache.get();
   request.size = cache->size();
   request.local_root = local_root;
+  request.sync = true;  // as get does: a crash after the rename keeps a whole file
   ReplaceResult result;
   {
     request.handle = HandleFor(bar);

@@ -187,6 +187,17 @@ bool RemoveQuietly(Client& client, const std::string& path) {
   return false;
 }
 
+// fsync of a local file or directory; false with errno set when it fails.
+bool SyncLocal(const std::string& path, int flags) {
+  int fd = open(path.c_str(), flags | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool ok = fsync(fd) == 0;
+  int error = errno;
+  close(fd);
+  errno = error;
+  return ok;
+}
+
 // Where the storage is a local directory (its protocol paths are local
 // paths): creates the temporary file first with the owner and permission
 // bits of the file it will replace, so that the new content is never more
@@ -375,12 +386,20 @@ ReplaceResult ReplaceFile(Client& client, const ReplaceRequest& request) {
   // The owner may not write to the file it replaces: the temporary file was
   // writable for the upload, and takes the final mode only now.
   if (final_mode && (*final_mode & S_IWUSR) == 0) chmod(temporary_path.c_str(), *final_mode);
+  const bool sync = request.sync && !request.local_root.empty();
+  if (sync && !SyncLocal(temporary_path, O_RDONLY)) {
+    if (!RemoveQuietly(client, temporary_path)) result.leftover = temporary_path;
+    result.kept_existing = result.existed;
+    return fail("sync", FILE_WRITE_FAILED, {},
+                std::string("failed: cannot sync the new file: ") + std::strerror(errno));
+  }
 
   // 2. Rename it over the final name.
   try {
     result.file = client.Move(temporary_path, request.parent, request.name, {"move", final_path});
     result.status = TransferStatus::kDone;
     result.code = SUCCESS;
+    if (sync) SyncLocal(request.parent, O_RDONLY | O_DIRECTORY);
     return result;
   } catch (const ProtocolError& error) {
     code = error.code();

@@ -72,6 +72,11 @@ struct ReplaceRequest {
   // The local directory the plug-in serves (its "root_path") when it serves
   // one; lets a failure be told apart as lack of space (statvfs). Optional.
   std::string local_root;
+  // With local_root: fsync the new file before the rename and its directory
+  // after, so that a crash cannot leave the name with neither version on a
+  // file system that does not order a rename after the data. Off by
+  // default (a mount closing many small files syncs when asked to).
+  bool sync = false;
 };
 
 struct ReplaceResult {

@@ -110,6 +110,22 @@ TEST_F(Replace, ASymbolicLinkAtTheNameIsReplacedAndItsTargetKept) {
   EXPECT_EQ(ReadFile(Local("target.txt")), "target");
 }
 
+TEST_F(Replace, SyncedWhereTheStorageIsLocal) {
+  WriteFile(Local("a.txt"), "old");
+  Source source(Pattern(kChunk + 7));
+  ReplaceRequest request;
+  request.parent = root_id_;
+  request.name = "a.txt";
+  request.source = &source;
+  request.size = kChunk + 7;
+  request.local_root = root_;
+  request.sync = true;
+  ReplaceResult result = ReplaceFile(*client_, request);
+  ASSERT_TRUE(result.ok()) << result.Describe();
+  EXPECT_TRUE(ReadFile(Local("a.txt")) == Pattern(kChunk + 7));
+  EXPECT_THAT(Names(root_), ::testing::ElementsAre("a.txt"));
+}
+
 TEST_F(Replace, EmptyContent) {
   WriteFile(Local("a.txt"), "old");
   ASSERT_TRUE(Put("a.txt", "").ok());
