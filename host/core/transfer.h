@@ -69,8 +69,9 @@ struct ReplaceRequest {
   // null. Handed to the plug-in's Upload as is.
   std::shared_ptr<_FS_HANDLE> handle;
   UPLOAD_FLAG flag = UPLOAD_FLAG_NONE;
-  // The local directory the plug-in serves (its "root_path") when it serves
-  // one; lets a failure be told apart as lack of space (statvfs). Optional.
+  // The local directory the plug-in serves (LocalRootFor) when it serves
+  // one, "" otherwise. With it a failure is told apart as lack of space
+  // (statvfs), and a replaced file keeps its owner and permission bits.
   std::string local_root;
   // With local_root: fsync the new file before the rename and its directory
   // after, so that a crash cannot leave the name with neither version on a
@@ -84,7 +85,7 @@ struct ReplaceResult {
   // SUCCESS when done; UPLOAD_CANCELED when cancelled; otherwise the code of
   // the step that failed.
   AERROR code = SUCCESS;
-  std::string step;            // the failing step: "upload", "move", "replace", "check"
+  std::string step;            // the failing step: "check", "upload", "sync", "move", "replace"
   std::string message;         // the plug-in's text for it, if any
   bool existed = false;        // a file of that name was there before
   bool kept_existing = false;  // not done, and that file is still in place, unchanged
@@ -103,8 +104,9 @@ struct ReplaceResult {
   _FS_FILE_V2 file;
 
   bool ok() const noexcept { return status == TransferStatus::kDone; }
-  // For people, without the operation and path: "cancelled; the existing
-  // file was kept", "no space left on the storage; the existing file was kept".
+  // For people, without the operation and path: "created", "replaced",
+  // "cancelled; the existing file was kept", "failed for lack of space on
+  // the storage; the existing file was kept".
   std::string Describe() const;
 };
 
