@@ -352,6 +352,7 @@ sed -E \
   -e "s|^$host_name/|<HOST>/|" \
   -e "s|\"user\":\"$host_name/|\"user\":\"<HOST>/|" \
   -e 's/^create: .*/create: <ctime>/' \
+  -e 's/\.plughost-[A-Za-z0-9]{6}\.(partial|old)/.plughost-XXXXXX.\1/g' \
   -e 's/^confinement: .*/confinement: <CONFINEMENT>/' \
   -e 's/"confinement":"[a-z]+","landlock_abi":[0-9]+/"confinement":<CONFINEMENT>/' \
   -e '/^2> plughost: warning: confinement falls back/d' \
