@@ -122,16 +122,16 @@ TEST_F(MountTest, MissingEntriesGiveENOENT) {
   EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(MountTest, RefusedOperationsGiveEACCES) {
+TEST_F(MountTest, NonEmptyDirectoriesGiveENOTEMPTY) {
   ASSERT_EQ(mkdir((mnt_ + "/full").c_str(), 0755), 0);
   ASSERT_EQ(mkdir((mnt_ + "/full/x").c_str(), 0755), 0);
   ASSERT_EQ(mkdir((mnt_ + "/other").c_str(), 0755), 0);
   errno = 0;
   EXPECT_EQ(rmdir((mnt_ + "/full").c_str()), -1);
-  EXPECT_EQ(errno, EACCES);
+  EXPECT_EQ(errno, ENOTEMPTY);
   errno = 0;
   EXPECT_EQ(rename((mnt_ + "/other").c_str(), (mnt_ + "/full").c_str()), -1);
-  EXPECT_EQ(errno, EACCES);
+  EXPECT_EQ(errno, ENOTEMPTY);
   EXPECT_TRUE(fs::is_directory(root_ + "/full/x"));
   EXPECT_TRUE(fs::is_directory(root_ + "/other"));
 }

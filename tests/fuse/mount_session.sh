@@ -61,7 +61,8 @@ expect_error() {
 }
 
 session() {
-  mount_it
+  # The modes a plain mkdir and a new file get on the root, for ls -l below.
+  mount_it --umask 022
 
   # mkdir -p
   mkdir -p "$mnt/a/b/c" "$mnt/d"
@@ -100,9 +101,9 @@ session() {
   [ ! -e "$root/d/log3" ] || fail "rm"
   [ ! -e "$mnt/d/log3" ] || fail "rm: still visible"
 
-  # rmdir of a non-empty directory: refused (ACCESS_DENIED maps to EACCES)
+  # rmdir of a non-empty directory: refused, and the mount can tell why
   touch "$mnt/a/b/keep"
-  expect_error "Permission denied" rmdir "$mnt/a/b"
+  expect_error "Directory not empty" rmdir "$mnt/a/b"
   [ -f "$root/a/b/keep" ] || fail "rmdir removed something"
   rmdir "$mnt/d/c2"
   [ ! -e "$root/d/c2" ] || fail "rmdir of an empty directory"
@@ -145,14 +146,15 @@ session() {
     [ "$(cat "$work/sum$i")" = "$want_sum" ] || fail "reader $i got different bytes"
   done
 
-  # error mapping: a missing file is ENOENT, a refused operation EACCES
+  # error mapping: a missing file is ENOENT, a non-empty target ENOTEMPTY
   expect_error "No such file or directory" cat "$mnt/missing"
   expect_error "No such file or directory" rm "$mnt/missing"
   mkdir "$mnt/full" "$mnt/full/x" "$mnt/other"
-  expect_error "Permission denied" mv -T "$mnt/other" "$mnt/full"
-  # fixed modes and owners, no links
-  expect_error "Operation not supported" chmod 0600 "$mnt/a/b/keep"
-  chmod 0644 "$mnt/a/b/keep"
+  expect_error "Directory not empty" mv -T "$mnt/other" "$mnt/full"
+  expect_error "File name too long" touch "$mnt/$(printf 'n%.0s' $(seq 256))"
+  # modes and owners are accepted without effect; no links
+  chmod 0600 "$mnt/a/b/keep"
+  [ "$(stat -c %a "$mnt/a/b/keep")" = 644 ] || fail "chmod changed the shown mode"
   expect_error "Operation not permitted" ln -s keep "$mnt/a/b/link"
 
   "$tool" unmount "$mnt"

@@ -1,0 +1,234 @@
+// The life of a mount: checks, set-up, mounting, the background, signals,
+// the uploads at the end and the unmount.
+#define FUSE_USE_VERSION 35
+
+#include "host/mount/mount_lifecycle.h"
+
+#include <fuse3/fuse.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/core/adapters.h"
+#include "host/core/client.h"
+#include "host/core/plugin.h"
+#include "host/mount/mount_fs.h"
+#include "host/mount/mount_ops.h"
+#include "host/mount/mount_support.h"
+
+namespace plughost {
+
+void Complain(const std::string& command, const std::string& text) {
+  std::cerr << "plughost " << command << ": " << text << std::endl;
+}
+
+namespace {
+
+mode_t ParseMode(const std::string& text, const char* option) {
+  char* end = nullptr;
+  errno = 0;
+  unsigned long value = std::strtoul(text.c_str(), &end, 8);
+  if (text.empty() || *end != '\0' || errno != 0 || value > 07777) {
+    throw UsageError(std::string(option) + " " + text + ": expected an octal mode");
+  }
+  return static_cast<mode_t>(value);
+}
+
+}  // namespace
+
+Ownership OwnershipOf(const MountOptions& options) {
+  Ownership owner;
+  owner.uid = options.uid >= 0 ? static_cast<uid_t>(options.uid) : getuid();
+  owner.gid = options.gid >= 0 ? static_cast<gid_t>(options.gid) : getgid();
+  if (!options.umask.empty()) {
+    mode_t mask = ParseMode(options.umask, "--umask");
+    owner.file_mode = 0666 & ~mask;
+    owner.dir_mode = 0777 & ~mask;
+  }
+  if (!options.file_mode.empty()) owner.file_mode = ParseMode(options.file_mode, "--file-mode");
+  if (!options.dir_mode.empty()) owner.dir_mode = ParseMode(options.dir_mode, "--dir-mode");
+  return owner;
+}
+
+namespace {
+
+std::string CheckMountPoint(const std::string& mountpoint) {
+  std::string absolute = AbsolutePath(mountpoint);
+  struct stat st {};
+  if (stat(absolute.c_str(), &st) != 0) {
+    int error = errno;
+    if (error == ENOTCONN) {
+      throw UsageError(mountpoint + " is busy: a mount whose server has gone is still there; " +
+                       "run 'plughost unmount " + mountpoint + "' first");
+    }
+    throw UsageError("mount point " + mountpoint + ": " + std::strerror(error));
+  }
+  if (!S_ISDIR(st.st_mode)) throw UsageError("mount point " + mountpoint + ": not a directory");
+  if (std::optional<MountEntry> mounted = FindMount(absolute)) {
+    throw UsageError(mountpoint + " is busy: " + mounted->source + " (" + mounted->fs_type +
+                     ") is already mounted there; run 'plughost unmount " + mountpoint + "' first");
+  }
+  return absolute;
+}
+
+std::string MakeCacheDirectory(const std::string& requested) {
+  std::string base = requested;
+  if (base.empty()) {
+    const char* tmp = std::getenv("TMPDIR");
+    base = tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+  }
+  base = AbsolutePath(base);
+  std::string pattern = base + "/plughost-mount.XXXXXX";
+  if (mkdtemp(pattern.data()) == nullptr) {
+    throw UsageError("--cache-dir " + base + ": " + std::strerror(errno));
+  }
+  return pattern;
+}
+
+// Escapes a value for libfuse's comma-separated -o list.
+std::string EscapeOption(const std::string& value) {
+  std::string out;
+  for (char c : value) {
+    if (c == ',' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+}  // namespace
+
+int Serve(const MountOptions& options) {
+  std::string mountpoint = CheckMountPoint(options.mountpoint);
+
+  std::string root;
+  if (!options.root.empty()) {
+    char* real = realpath(options.root.c_str(), nullptr);
+    if (real == nullptr) throw UsageError("--root " + options.root + ": " + std::strerror(errno));
+    root = real;
+    std::free(real);
+    struct stat st {};
+    if (stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+      throw UsageError("--root " + options.root + ": not a directory");
+    }
+  }
+  std::vector<std::pair<std::string, std::string>> settings;
+  for (const std::string& option : options.plugin_options) {
+    size_t equals = option.find('=');
+    if (equals == std::string::npos || equals == 0) {
+      throw UsageError("-o " + option + ": expected KEY=VALUE");
+    }
+    settings.emplace_back(option.substr(0, equals), option.substr(equals + 1));
+  }
+
+  // Loaded before the fork into the background, so that a wrong plug-in is
+  // reported on the terminal; nothing here has started a thread yet.
+  Plugin plugin = Plugin::Load(AbsolutePath(options.plugin));
+  std::unique_ptr<StderrLog> log;
+  if (options.verbose) {
+    log = std::make_unique<StderrLog>("plughost mount: ");
+    plugin.BindLogger(log.get());
+  }
+  MemoryConfiguration config;
+  Client client(plugin, plugin.CreateProtocol(&config));
+  if (!root.empty()) client.SetOpt("root_path", root);
+  for (const auto& [key, value] : settings)
+    client.SetOpt(key, value);
+  std::string root_id = client.RootId();
+  _FS_FILE_V2 top = client.Info(root_id, Context{"mount", root_id});
+  if (top.type != 2) throw UsageError("storage root " + root_id + " is not a directory");
+  std::string type = client.Type();
+  if (type.empty()) type = "plughost";
+
+  std::string cache_dir = MakeCacheDirectory(options.cache_dir);
+  struct CacheCleanup {
+    std::string path;
+    ~CacheCleanup() { rmdir(path.c_str()); }
+  } cleanup{cache_dir};
+
+  MountSettings mount_settings;
+  mount_settings.owner = OwnershipOf(options);
+  mount_settings.strict_modes = options.strict_modes;
+  mount_settings.sync_on_close = options.sync_on_close;
+  mount_settings.local_root = root;
+  MountFs fs(client, root_id, cache_dir, mount_settings);
+  KernelContext context;
+  context.fs = &fs;
+  context.tuning.attr_timeout = options.attr_timeout;
+  context.tuning.dir_cache_time = options.dir_cache_time;
+
+  std::string mount_options = "fsname=" + EscapeOption("plughost:" + root_id) +
+                              ",subtype=" + EscapeOption(type) + ",default_permissions" +
+                              ",max_read=" + std::to_string(context.tuning.transfer_size);
+  if (options.allow_other) mount_options += ",allow_other";
+  std::vector<std::string> words = {"plughost", "-o", mount_options};
+  if (options.debug) words.push_back("-d");
+  std::vector<char*> argv;
+  for (std::string& word : words)
+    argv.push_back(word.data());
+  fuse_args args = FUSE_ARGS_INIT(static_cast<int>(argv.size()), argv.data());
+
+  fuse* session = fuse_new(&args, Operations(), sizeof(fuse_operations), &context);
+  fuse_opt_free_args(&args);
+  if (session == nullptr) {
+    Complain("mount", "cannot set up the file system (see the message above)");
+    return kMountExitFailed;
+  }
+  if (fuse_mount(session, mountpoint.c_str()) != 0) {
+    fuse_destroy(session);
+    Complain("mount", "cannot mount on " + mountpoint + " (see the message above)");
+    return kMountExitFailed;
+  }
+  bool foreground = options.foreground || options.debug;
+  if (fuse_daemonize(foreground ? 1 : 0) != 0) {
+    fuse_unmount(session);
+    fuse_destroy(session);
+    return kMountExitFailed;
+  }
+  fuse_session* lowlevel = fuse_get_session(session);
+  // libfuse only takes over signals left at their default; a shell starts
+  // background jobs with SIGINT ignored, and an unmount on SIGINT is wanted
+  // there too. (SIGHUP stays as it is, so that nohup keeps working.)
+  signal(SIGINT, SIG_DFL);
+  signal(SIGTERM, SIG_DFL);
+  int status = kMountExitOk;
+  if (fuse_set_signal_handlers(lowlevel) != 0) {
+    status = kMountExitFailed;
+  } else {
+    fuse_loop_config loop{};
+    loop.clone_fd = 0;
+    loop.max_idle_threads = 16;
+    // A signal ends the loop with the signal's number: a clean end as well.
+    int result = fuse_loop_mt(session, &loop);
+    if (result != 0 && result != SIGINT && result != SIGTERM && result != SIGHUP) {
+      status = kMountExitFailed;
+    }
+    fuse_remove_signal_handlers(lowlevel);
+  }
+  // A signal ends the loop with the file system still mounted: whatever is
+  // open with changes goes to the storage before the mount goes away.
+  ShutdownReport report = fs.Shutdown();
+  for (const auto& [path, kept] : report.failed) {
+    if (kept.empty()) {
+      Complain("mount", "could not upload " + path + " at shutdown; its changes are lost");
+    } else {
+      Complain("mount",
+               "could not upload " + path + " at shutdown; its content is kept in " + kept);
+    }
+    status = kMountExitFailed;
+  }
+  fuse_unmount(session);
+  fuse_destroy(session);
+  if (log) plugin.UnbindLogger();
+  return status;
+}
+
+}  // namespace plughost
