@@ -27,6 +27,7 @@ mnt=$work/mnt
 cache=$work/cache
 mkdir -p "$root" "$mnt" "$cache"
 daemon=
+tmpfs_root=
 
 mounted() { awk -v m="$1" '$5 == m { found = 1 } END { exit !found }' /proc/self/mountinfo; }
 
@@ -37,6 +38,7 @@ cleanup() {
       umount -l "$mnt" 2>/dev/null || true
   fi
   if [ -n "$daemon" ]; then kill "$daemon" 2>/dev/null || true; fi
+  if [ -n "$tmpfs_root" ]; then umount "$tmpfs_root" 2>/dev/null || true; fi
   rm -rf "$work"
   exit "$status"
 }
@@ -208,10 +210,131 @@ signals() {
   [ -z "$(ls -A "$cache")" ] || fail "staging directory left behind: $(ls -A "$cache")"
 }
 
+# Starts a foreground mount in the background; its pid in $daemon.
+start_daemon() {
+  "$tool" --plugin "$plugin" --root "$root" mount "$mnt" --cache-dir "$cache" --foreground \
+    2>"$work/daemon.err" &
+  daemon=$!
+  wait_mounted
+}
+
+# After a killed server: the dead mount goes away.
+drop_dead_mount() {
+  wait "$daemon" 2>/dev/null || true
+  daemon=
+  umount -l "$mnt" 2>/dev/null || fusermount3 -u -z "$mnt" 2>/dev/null || true
+}
+
+# What is in the root besides the final names: temporary names only.
+only_temporaries_besides() {
+  local entry name
+  for entry in "$root"/* "$root"/.*; do
+    name=${entry##*/}
+    case $name in
+      . | .. | '*' | '.*') ;;
+      "$1") ;;
+      .*.plughost-??????.partial) ;;
+      *) fail "unexpected entry $name in the root" ;;
+    esac
+  done
+}
+
+interrupt() {
+  head -c 300000000 /dev/urandom >"$work/new"
+  printf 'the old content\n' >"$work/old"
+
+  # SIGKILL while the application still writes, and while the file is
+  # uploaded at its close: the name holds the old or the new content, never
+  # a mix, and nothing but a temporary name is left besides it.
+  local moment
+  for moment in writing uploading; do
+    cp "$work/old" "$root/f"
+    start_daemon
+    cp "$work/new" "$mnt/f" 2>/dev/null &
+    local writer=$! i
+    for i in $(seq 400); do
+      if [ "$moment" = writing ]; then
+        [ -n "$(ls -A "$cache")" ] && break
+      else
+        compgen -G "$root/.*.plughost-*" >/dev/null && break
+      fi
+      sleep 0.02
+    done
+    kill -KILL "$daemon"
+    wait "$writer" 2>/dev/null || true
+    drop_dead_mount
+    if ! cmp -s "$root/f" "$work/old" && ! cmp -s "$root/f" "$work/new"; then
+      fail "killed while $moment: f holds neither the old nor the new content"
+    fi
+    only_temporaries_besides f
+    find "$root" -name '.*.plughost-*' -delete
+  done
+
+  # SIGTERM with a file open and changed: uploaded before the process ends.
+  # (A writer that keeps its descriptor: every close, even of a duplicate,
+  # would upload.)
+  cp "$work/old" "$root/f"
+  start_daemon
+  { printf 'written, never closed\n' && exec sleep 60; } >"$mnt/f" &
+  local holder=$!
+  sleep 0.5
+  kill -TERM "$daemon"
+  local status=0
+  wait "$daemon" || status=$?
+  daemon=
+  kill "$holder" 2>/dev/null || true
+  wait "$holder" 2>/dev/null || true
+  [ "$status" = 0 ] || fail "SIGTERM with an open file: exit status $status"
+  ! mounted "$mnt" || fail "SIGTERM: still mounted"
+  [ "$(cat "$root/f")" = "written, never closed" ] || fail "SIGTERM: open changes lost"
+  only_temporaries_besides f
+
+  # ... and when that upload fails: said on stderr, kept, exit status 1.
+  start_daemon
+  mkdir "$mnt/d"
+  { printf 'precious\n' && exec sleep 60; } >"$mnt/d/g" &
+  holder=$!
+  sleep 0.5
+  rm -rf "$root/d"
+  kill -TERM "$daemon"
+  status=0
+  wait "$daemon" || status=$?
+  daemon=
+  kill "$holder" 2>/dev/null || true
+  wait "$holder" 2>/dev/null || true
+  [ "$status" = 1 ] || fail "failed upload at shutdown: exit status $status"
+  local kept
+  kept=$(sed -n 's/.*could not upload \/d\/g at shutdown; its content is kept in //p' \
+    "$work/daemon.err")
+  [ -n "$kept" ] || fail "no message naming the kept copy: $(cat "$work/daemon.err")"
+  [ "$(cat "$kept")" = precious ] || fail "the kept copy differs"
+  rm -f "$kept"
+}
+
+# A rewrite that no longer fits keeps the original (a small tmpfs as root).
+fullfs() {
+  [ "$(id -u)" = 0 ] || skip "a small tmpfs needs root"
+  mount -t tmpfs -o size=8m plughost-test "$root" 2>/dev/null || skip "cannot mount a tmpfs here"
+  tmpfs_root=$root
+  head -c 5000000 /dev/urandom >"$work/old"
+  head -c 6000000 /dev/urandom >"$work/new"
+  cp "$work/old" "$root/f"
+  mount_it
+  if cp "$work/new" "$mnt/f" 2>"$work/err"; then fail "a rewrite that cannot fit succeeded"; fi
+  grep -q "No space left on device" "$work/err" || fail "not ENOSPC: $(cat "$work/err")"
+  cmp "$work/old" "$root/f" || fail "the original was not kept"
+  cmp "$work/old" "$mnt/f" || fail "the mount does not show the original"
+  only_temporaries_besides f
+  [ -z "$(find "$root" -name '.*.plughost-*')" ] || fail "temporary file left after a failure"
+  "$tool" unmount "$mnt"
+}
+
 case $scenario in
   session) session ;;
   busy) busy ;;
   signals) signals ;;
+  interrupt) interrupt ;;
+  fullfs) fullfs ;;
   *) fail "unknown scenario $scenario" ;;
 esac
 echo "PASS: $scenario"
