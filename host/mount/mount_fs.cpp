@@ -112,7 +112,7 @@ int MountFs::UploadLocked(OpenNode& node, bool durable) {
     if (durable && !open_.Unlinked(node)) return staging_.MakeDurable(relative);
     return 0;
   }
-  if (open_.Unlinked(node) || open_.Hidden(node)) {
+  if (open_.Unlinked(node) || open_.Hidden(node) || IsKernelHiddenName(BaseName(relative))) {
     // Removed while open: its content has nowhere to go.
     node.dirty.store(false);
     node.pending.store(false);

@@ -66,9 +66,10 @@ void* OpInit(fuse_conn_info* conn, fuse_config* cfg) {
   cfg->entry_timeout = tuning.attr_timeout;
   cfg->attr_timeout = tuning.attr_timeout;
   cfg->negative_timeout = 0;
-  // Open files are tracked here by handle, so a removed file needs no
-  // hidden stand-in, and handle operations need no path.
-  cfg->hard_remove = 1;
+  // A removed or replaced open file is moved aside to a hidden name and
+  // deleted at its last close: reads, fstat and fchmod keep working on it,
+  // as on a local disk. Handle operations need no path.
+  cfg->hard_remove = 0;
   cfg->nullpath_ok = 1;
   cfg->use_ino = 0;
   cfg->no_rofd_flush = 1;

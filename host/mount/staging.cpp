@@ -62,10 +62,19 @@ std::string RandomTag() {
 }  // namespace
 
 std::string TemporaryNameFor(const std::string& name) {
-  return "." + name + kTemporaryTag + RandomTag() + kTemporarySuffix;
+  // Within the 255 bytes of a name: a long name is cut (only the pattern
+  // around it matters).
+  constexpr std::size_t kRoom =
+      255 - 1 - (sizeof kTemporaryTag - 1) - 6 - (sizeof kTemporarySuffix - 1);
+  return "." + name.substr(0, kRoom) + kTemporaryTag + RandomTag() + kTemporarySuffix;
+}
+
+bool IsKernelHiddenName(const std::string& name) {
+  return name.compare(0, 12, ".fuse_hidden") == 0;
 }
 
 bool IsTemporaryEntryName(const std::string& name) {
+  if (IsKernelHiddenName(name)) return true;
   // "." NAME ".plughost-" 6 characters ".partial"
   const std::size_t tail = sizeof kTemporaryTag - 1 + 6 + sizeof kTemporarySuffix - 1;
   if (name.size() < 2 + tail || name[0] != '.') return false;

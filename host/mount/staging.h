@@ -51,9 +51,14 @@ class Staging {
 };
 
 // The temporary names of atomic replaces and of open files moved aside:
-// ".NAME.plughost-XXXXXX.partial". The mount never lists them.
+// ".NAME.plughost-XXXXXX.partial" (NAME cut to fit 255 bytes). The mount
+// never lists them, nor the names the kernel bridge moves removed open
+// files to (".fuse_hidden...").
 std::string TemporaryNameFor(const std::string& name);
 bool IsTemporaryEntryName(const std::string& name);
+// ".fuse_hidden...": an open file removed through the kernel, deleted by the
+// bridge at its last close; its content is never uploaded again.
+bool IsKernelHiddenName(const std::string& name);
 
 // pread/pwrite until done or failed; 0 or a negative errno.
 int PreadAll(int fd, char* buffer, std::size_t size, off_t offset, std::size_t* done);

@@ -26,91 +26,16 @@
 #include <vector>
 
 #include "host/mount/mount_support.h"
+#include "tests/fuse/mount_fixture.h"
 
 extern char** environ;
 
 namespace {
 
 namespace fs = std::filesystem;
-
-bool FuseUsable(std::string* reason) {
-  if (access("/dev/fuse", F_OK) != 0) {
-    *reason = "/dev/fuse does not exist";
-    return false;
-  }
-  if (access("/dev/fuse", R_OK | W_OK) != 0) {
-    *reason = "/dev/fuse is not usable by this user";
-    return false;
-  }
-  return true;
-}
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void Spit(const std::string& path, const std::string& data) {
-  std::ofstream out(path, std::ios::binary);
-  out << data;
-}
-
-class MountTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::string reason;
-    if (!FuseUsable(&reason)) GTEST_SKIP() << "FUSE unavailable: " << reason;
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(tmp != nullptr && *tmp ? tmp : "/tmp") + "/mount_errno.XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    work_ = pattern;
-    root_ = work_ + "/root";
-    mnt_ = work_ + "/mnt";
-    std::string cache = work_ + "/cache";
-    for (const std::string& dir : {root_, mnt_, cache})
-      fs::create_directory(dir);
-
-    std::vector<std::string> words = {MOUNT_FRONT_END, "--plugin", LD_PLUGIN_PATH, "--root",
-                                      root_,           "mount",    mnt_,           "--foreground",
-                                      "--cache-dir",   cache};
-    std::vector<char*> argv;
-    for (std::string& word : words)
-      argv.push_back(word.data());
-    argv.push_back(nullptr);
-    ASSERT_EQ(posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ), 0);
-    for (int i = 0; i < 200 && !Mounted(); ++i) {
-      int status = 0;
-      if (waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
-        FAIL() << "the mount process ended early";
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    ASSERT_TRUE(Mounted()) << "not mounted in time";
-  }
-
-  void TearDown() override {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      int status = 0;
-      for (int i = 0; i < 200 && waitpid(pid_, &status, WNOHANG) == 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-      }
-      if (waitpid(pid_, &status, WNOHANG) == 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &status, 0);
-      }
-    }
-    if (!mnt_.empty() && Mounted()) umount2(mnt_.c_str(), MNT_DETACH);
-    if (!work_.empty()) fs::remove_all(work_);
-  }
-
-  bool Mounted() const { return plughost::FindMount(mnt_).has_value(); }
-
-  std::string work_, root_, mnt_;
-  pid_t pid_ = -1;
-};
+using plughost_test::MountTest;
+using plughost_test::Slurp;
+using plughost_test::Spit;
 
 TEST_F(MountTest, MissingEntriesGiveENOENT) {
   errno = 0;
