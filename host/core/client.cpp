@@ -102,6 +102,16 @@ std::vector<_FS_FILE_V2> Client::List(const std::string& path, const Context& co
   return std::move(list.files());
 }
 
+void Client::ForEach(const std::string& path, const Context& context,
+                     const std::function<void(const _FS_FILE_V2&)>& on_file) {
+  FileListAdapter list(on_file);
+  char* msg = nullptr;
+  AERROR code = protocol_->GetFileList(path.c_str(), &list, &msg);
+  std::string message = TakeMessage(msg);
+  list.RethrowIfFailed();
+  Check(code, context, message);
+}
+
 AERROR Client::Read(const std::string& path, long long offset, long long length,
                     std::shared_ptr<_FS_HANDLE> handle, IFetchCallback* sink,
                     std::string* message) {
@@ -142,18 +152,19 @@ _FS_FILE_V2 Client::CreateDirectory(const std::string& parent, const std::string
 }
 
 void Client::Delete(const std::string& path, const Context& context) {
-  _FS_FILE_V2 file;
-  file.id = path;
-  char* msg = nullptr;
-  AERROR code = protocol_->Delete(&file, &msg);
-  Check(code, context, TakeMessage(msg));
+  DeleteEntry(&IProtocol_V2::Delete, path, context);
 }
 
 void Client::DeleteDirectory(const std::string& path, const Context& context) {
+  DeleteEntry(&IProtocol_V2::DeleteDirectory, path, context);
+}
+
+void Client::DeleteEntry(AERROR (IProtocol_V2::*slot)(_FS_FILE_V2*, char**),
+                         const std::string& path, const Context& context) {
   _FS_FILE_V2 file;
   file.id = path;
   char* msg = nullptr;
-  AERROR code = protocol_->DeleteDirectory(&file, &msg);
+  AERROR code = (protocol_.get()->*slot)(&file, &msg);
   Check(code, context, TakeMessage(msg));
 }
 

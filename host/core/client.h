@@ -3,21 +3,17 @@
 // buffer-and-length outputs come back as strings.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "host/core/errors.h"
 #include "host/core/plugin.h"
 #include "protocol/contract.h"
 
 namespace plughost {
-
-// What a failed call is reported as: "<operation> <path>: ...".
-struct Context {
-  std::string operation;
-  std::string path;
-};
 
 struct Quota {
   unsigned long long total = 0;
@@ -47,6 +43,11 @@ class Client {
   _FS_FILE_V2 Info(const std::string& path, const Context& context);
   // Entries in the order the plug-in delivers them.
   std::vector<_FS_FILE_V2> List(const std::string& path, const Context& context);
+  // Hands each entry to `on_file` as the plug-in delivers it, keeping none:
+  // the record dies when the function returns. An exception of `on_file`
+  // ends the listing's use of it and is thrown again once the plug-in returns.
+  void ForEach(const std::string& path, const Context& context,
+               const std::function<void(const _FS_FILE_V2&)>& on_file);
   // Returns the plug-in's result without throwing, so that callers can tell a
   // cancelled transfer from a failed one; the message is freed.
   AERROR Read(const std::string& path, long long offset, long long length,
@@ -69,6 +70,9 @@ class Client {
  private:
   // Takes over a text stored through `char** msg`.
   std::string TakeMessage(char* msg);
+  // Delete and DeleteDirectory take the entry's record with its identifier.
+  void DeleteEntry(AERROR (IProtocol_V2::*slot)(_FS_FILE_V2*, char**), const std::string& path,
+                   const Context& context);
   // Runs a buffer-and-length call twice: once for the length, once to copy.
   template <typename Call>
   std::string ReadText(Call call, const Context& context);

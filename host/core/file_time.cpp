@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <optional>
 
+#include <date/date.h>
+
 namespace plughost {
 
 namespace {
@@ -85,6 +87,29 @@ time_t FileTimeInstant(const std::string& text) {
     if (!found || candidate < *found) found = candidate;
   }
   return found ? *found : ReadAsStandard(ToTm(*fields, 0));
+}
+
+long long PackFileTimeFields(const std::string& text) {
+  std::optional<Fields> f = ParseFields(text);
+  if (!f) return kNoFields;
+  date::sys_days day = date::year{f->year} / f->month / f->day;
+  return static_cast<long long>(day.time_since_epoch().count()) * 86400 + f->hour * 3600LL +
+         f->minute * 60LL + f->second;
+}
+
+std::string UnpackFileTimeFields(long long fields) {
+  if (fields == kNoFields) return {};
+  long long days = fields >= 0 ? fields / 86400 : -((-fields + 86399) / 86400);
+  long long seconds = fields - days * 86400;
+  date::year_month_day ymd{date::sys_days{date::days{days}}};
+  struct tm t {};
+  t.tm_year = static_cast<int>(ymd.year()) - 1900;
+  t.tm_mon = static_cast<int>(static_cast<unsigned>(ymd.month())) - 1;
+  t.tm_mday = static_cast<int>(static_cast<unsigned>(ymd.day()));
+  t.tm_hour = static_cast<int>(seconds / 3600);
+  t.tm_min = static_cast<int>(seconds / 60 % 60);
+  t.tm_sec = static_cast<int>(seconds % 60);
+  return Format(t);
 }
 
 }  // namespace plughost

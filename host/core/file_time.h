@@ -24,4 +24,14 @@ std::string FileTimeText(time_t instant);
 // without the fields gives 0.
 time_t FileTimeInstant(const std::string& text);
 
+// The fields of a record's file time packed into one number: the seconds
+// the fields would be if they were UTC. Exact for every text, the repeated
+// autumn hour included, and turned back into the same text without any
+// time-zone lookup; for keeping many times small. kNoFields when the text
+// holds no fields.
+inline constexpr long long kNoFields = -(1LL << 62);
+long long PackFileTimeFields(const std::string& text);
+// "YYYY-MM-DDThh:mm:ss.000Z" of packed fields; "" for kNoFields.
+std::string UnpackFileTimeFields(long long fields);
+
 }  // namespace plughost

@@ -2,6 +2,8 @@
 
 #include <vector>
 
+#include "host/core/errors.h"
+
 namespace plughost {
 
 std::optional<std::string> NormalizeUserPath(std::string_view path) {
@@ -50,9 +52,31 @@ std::string DirName(const std::string& relative) {
   return slash == std::string::npos ? std::string() : relative.substr(0, slash);
 }
 
+std::string ChildPath(const std::string& relative, const std::string& name) {
+  return relative.empty() ? name : relative + "/" + name;
+}
+
+std::pair<std::string, std::string> SplitPath(const std::string& relative) {
+  return {DirName(relative), BaseName(relative)};
+}
+
 bool IsPlainName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
          name.find('\0') == std::string_view::npos;
+}
+
+std::string PathMapper::Relative(std::string_view path, const std::string& operation) const {
+  std::optional<std::string> relative = NormalizeUserPath(path);
+  if (!relative) {
+    throw UsageError(operation + " " + std::string(path) + ": path escapes the storage root");
+  }
+  return *relative;
+}
+
+std::optional<std::string> PathMapper::ProtocolOf(std::string_view path) const {
+  std::optional<std::string> relative = NormalizeUserPath(path);
+  if (!relative) return std::nullopt;
+  return Protocol(*relative);
 }
 
 }  // namespace plughost

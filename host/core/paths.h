@@ -1,11 +1,14 @@
-// Root confinement for hosts. The plug-in does not confine protocol paths to
-// its root, so every path a user types is normalised here, lexically, relative
-// to the storage root, and refused when it would climb above it.
+// The one mapping of paths for both front ends: a path a user types or the
+// kernel hands over ("docs/a", "/docs/a") becomes a normalised path relative
+// to the storage root ("docs/a"), which becomes a protocol path (the root's
+// identifier joined with it). The plug-in does not confine protocol paths to
+// its root, so the lexical step refuses a path that would climb above it.
 #pragma once
 
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace plughost {
 
@@ -28,8 +31,35 @@ std::string BaseName(const std::string& relative);
 // Everything before the last segment ("" for a top-level entry and the root).
 std::string DirName(const std::string& relative);
 
+// The relative path of `name` inside the directory `relative`.
+std::string ChildPath(const std::string& relative, const std::string& name);
+// The parent ("" for a top-level entry and the root) and the last segment.
+std::pair<std::string, std::string> SplitPath(const std::string& relative);
+
 // True when `name` can name a single entry: not empty, not "." or "..", and
 // without a separator or a NUL byte.
 bool IsPlainName(std::string_view name);
+
+// The mapping for one storage root.
+class PathMapper {
+ public:
+  explicit PathMapper(std::string root_id) : root_id_(std::move(root_id)) {}
+
+  const std::string& root_id() const noexcept { return root_id_; }
+
+  // The relative path of a user's or the kernel's path. Throws UsageError
+  // "<operation> <path>: path escapes the storage root" when it leaves the root.
+  std::string Relative(std::string_view path, const std::string& operation) const;
+  // The protocol path of a normalised relative path.
+  std::string Protocol(const std::string& relative) const {
+    return JoinProtocolPath(root_id_, relative);
+  }
+  // The protocol path of a user's or the kernel's path; nothing when it
+  // leaves the root.
+  std::optional<std::string> ProtocolOf(std::string_view path) const;
+
+ private:
+  std::string root_id_;
+};
 
 }  // namespace plughost

@@ -21,6 +21,7 @@
 #include "host/core/adapters.h"
 #include "host/core/client.h"
 #include "host/core/plugin.h"
+#include "host/core/session.h"
 #include "host/mount/mount_fs.h"
 #include "host/mount/mount_ops.h"
 #include "host/mount/mount_support.h"
@@ -109,40 +110,20 @@ std::string EscapeOption(const std::string& value) {
 int Serve(const MountOptions& options) {
   std::string mountpoint = CheckMountPoint(options.mountpoint);
 
-  std::string root;
-  if (!options.root.empty()) {
-    char* real = realpath(options.root.c_str(), nullptr);
-    if (real == nullptr) throw UsageError("--root " + options.root + ": " + std::strerror(errno));
-    root = real;
-    std::free(real);
-    struct stat st {};
-    if (stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-      throw UsageError("--root " + options.root + ": not a directory");
-    }
-  }
-  std::vector<std::pair<std::string, std::string>> settings;
-  for (const std::string& option : options.plugin_options) {
-    size_t equals = option.find('=');
-    if (equals == std::string::npos || equals == 0) {
-      throw UsageError("-o " + option + ": expected KEY=VALUE");
-    }
-    settings.emplace_back(option.substr(0, equals), option.substr(equals + 1));
-  }
-
-  // Loaded before the fork into the background, so that a wrong plug-in is
-  // reported on the terminal; nothing here has started a thread yet.
-  Plugin plugin = Plugin::Load(AbsolutePath(options.plugin));
+  // The storage is opened before the fork into the background, so that a
+  // wrong root, plug-in or option is reported on the terminal; nothing here
+  // has started a thread yet.
   std::unique_ptr<StderrLog> log;
-  if (options.verbose) {
-    log = std::make_unique<StderrLog>("plughost mount: ");
-    plugin.BindLogger(log.get());
-  }
-  MemoryConfiguration config;
-  Client client(plugin, plugin.CreateProtocol(&config));
-  if (!root.empty()) client.SetOpt("root_path", root);
-  for (const auto& [key, value] : settings)
-    client.SetOpt(key, value);
-  std::string root_id = client.RootId();
+  if (options.verbose) log = std::make_unique<StderrLog>("plughost mount: ");
+  SessionOptions session_options;
+  session_options.plugin = AbsolutePath(options.plugin);
+  session_options.root = options.root;
+  session_options.plugin_options = options.plugin_options;
+  session_options.logger = log.get();
+  std::unique_ptr<Session> session = Session::Open(session_options);
+  const std::string root = options.root.empty() ? std::string() : ResolveRoot(options.root);
+  Client& client = session->client();
+  const std::string root_id = session->root_id();
   _FS_FILE_V2 top = client.Info(root_id, Context{"mount", root_id});
   if (top.type != 2) throw UsageError("storage root " + root_id + " is not a directory");
   std::string type = client.Type();
@@ -176,24 +157,24 @@ int Serve(const MountOptions& options) {
     argv.push_back(word.data());
   fuse_args args = FUSE_ARGS_INIT(static_cast<int>(argv.size()), argv.data());
 
-  fuse* session = fuse_new(&args, Operations(), sizeof(fuse_operations), &context);
+  fuse* kernel = fuse_new(&args, Operations(), sizeof(fuse_operations), &context);
   fuse_opt_free_args(&args);
-  if (session == nullptr) {
+  if (kernel == nullptr) {
     Complain("mount", "cannot set up the file system (see the message above)");
     return kMountExitFailed;
   }
-  if (fuse_mount(session, mountpoint.c_str()) != 0) {
-    fuse_destroy(session);
+  if (fuse_mount(kernel, mountpoint.c_str()) != 0) {
+    fuse_destroy(kernel);
     Complain("mount", "cannot mount on " + mountpoint + " (see the message above)");
     return kMountExitFailed;
   }
   bool foreground = options.foreground || options.debug;
   if (fuse_daemonize(foreground ? 1 : 0) != 0) {
-    fuse_unmount(session);
-    fuse_destroy(session);
+    fuse_unmount(kernel);
+    fuse_destroy(kernel);
     return kMountExitFailed;
   }
-  fuse_session* lowlevel = fuse_get_session(session);
+  fuse_session* lowlevel = fuse_get_session(kernel);
   // libfuse only takes over signals left at their default; a shell starts
   // background jobs with SIGINT ignored, and an unmount on SIGINT is wanted
   // there too. (SIGHUP stays as it is, so that nohup keeps working.)
@@ -207,7 +188,7 @@ int Serve(const MountOptions& options) {
     loop.clone_fd = 0;
     loop.max_idle_threads = 16;
     // A signal ends the loop with the signal's number: a clean end as well.
-    int result = fuse_loop_mt(session, &loop);
+    int result = fuse_loop_mt(kernel, &loop);
     if (result != 0 && result != SIGINT && result != SIGTERM && result != SIGHUP) {
       status = kMountExitFailed;
     }
@@ -225,9 +206,8 @@ int Serve(const MountOptions& options) {
     }
     status = kMountExitFailed;
   }
-  fuse_unmount(session);
-  fuse_destroy(session);
-  if (log) plugin.UnbindLogger();
+  fuse_unmount(kernel);
+  fuse_destroy(kernel);
   return status;
 }
 

@@ -2,19 +2,13 @@
 // uploads of open files at the end, and the unmount.
 #pragma once
 
-#include <stdexcept>
 #include <string>
 
+#include "host/core/errors.h"
 #include "host/mount/mount.h"
 #include "host/mount/mount_support.h"
 
 namespace plughost {
-
-// A mistake on the command line or in its arguments (exit status 2).
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 // Prints "plughost COMMAND: TEXT" on stderr.
 void Complain(const std::string& command, const std::string& text);

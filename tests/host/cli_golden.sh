@@ -298,6 +298,39 @@ case_escape() {
   ph ls docs/..
 }
 
+# Options of the main command work before and after the subcommand's name.
+case_flags() {
+  make_tree
+  ph --no-progress put upload.txt docs
+  ph put upload.txt docs --name again.txt --no-progress
+  ph --progress --no-progress put upload.txt
+  ph --json stat a.txt
+  ph stat a.txt --json
+  raw ls docs -l --root "$root"
+  ph --json ls --stream docs/sub
+  ph ls --unsorted --json empty
+  ph ls -U -l docs/sub
+}
+
+# Names with control characters and bytes that are not UTF-8.
+case_names() {
+  make_tree
+  mkdir -p "$root/odd"
+  printf 'x' >"$root/odd/$(printf 'new\nline')"
+  printf 'x' >"$root/odd/$(printf 'esc\033[31mred')"
+  printf 'x' >"$root/odd/$(printf 'caf\351')"
+  printf 'x' >"$root/odd/$(printf 'caf\303\251')"
+  printf 'x' >"$root/odd/a b"
+  touch -d '2024-01-01 00:00:00' "$root/odd/"*
+  ph ls odd
+  ph ls -l odd
+  ph --json ls odd
+  ph --literal ls odd
+  ph stat "odd/$(printf 'caf\351')"
+  ph --json stat "odd/$(printf 'caf\351')"
+  ph rm "odd/$(printf 'new\nline')"
+}
+
 if ! declare -F "case_$case_name" >/dev/null; then
   echo "unknown case $case_name" >&2
   exit 2
@@ -318,6 +351,7 @@ sed -E \
   -e "s|^$host_name/|<HOST>/|" \
   -e "s|\"user\":\"$host_name/|\"user\":\"<HOST>/|" \
   -e 's/^create: .*/create: <ctime>/' \
+  -e 's/"id_bytes":"[^"]*"/"id_bytes":"<id>"/g' \
   -e '/^type:   directory$/{n;s/^size:   [0-9]+$/size:   <dirsize>/}' \
   -e 's/"create_time":"[^"]*"/"create_time":"<ctime>"/g' \
   -e 's/("type":"directory","size":)[0-9]+(,"id":"[^"]*","create_time":"[^"]*","access_time":")[^"]*/\1<dirsize>\2<atime>/g' \

@@ -1,0 +1,71 @@
+// One storage opened through a plug-in: the set-up both front ends share.
+//
+//   plughost::SessionOptions options;
+//   options.root = "/srv/data";
+//   options.plugin_options = {"pid=demo"};
+//   std::unique_ptr<plughost::Session> session = plughost::Session::Open(options);
+//   session->client().Info(session->paths().Protocol("docs"), {"stat", "docs"});
+//
+// Open checks what the user typed before it loads anything (a wrong root or
+// option is a UsageError), loads the plug-in (LoadError), creates the
+// protocol object, binds the logger, sets "root_path" and then every option
+// in order (ProtocolError), and reads the root's identifier.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/core/adapters.h"
+#include "host/core/client.h"
+#include "host/core/paths.h"
+#include "host/core/plugin.h"
+
+namespace plughost {
+
+struct SessionOptions {
+  std::string plugin;                       // path of the plug-in; empty: DefaultPluginPath()
+  std::string root;                         // the "root_path" option; empty: not set
+  std::vector<std::string> plugin_options;  // "KEY=VALUE", each handed to SetOpt
+  // Bound to the plug-in while the session lives; not owned, must outlive it.
+  ILog* logger = nullptr;
+};
+
+class Session {
+ public:
+  static std::unique_ptr<Session> Open(const SessionOptions& options);
+  // Releases the protocol object before the logger is unbound.
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  Client& client() noexcept { return *client_; }
+  const Plugin& plugin() const noexcept { return plugin_; }
+  const PathMapper& paths() const noexcept { return paths_; }
+  const std::string& root_id() const noexcept { return paths_.root_id(); }
+
+ private:
+  explicit Session(Plugin plugin) : plugin_(std::move(plugin)), paths_("") {}
+
+  Plugin plugin_;
+  MemoryConfiguration config_;
+  std::unique_ptr<Client> client_;
+  PathMapper paths_;
+  bool logger_bound_ = false;
+};
+
+// The localdisk plug-in installed or built alongside the running program: the
+// build tree puts both in one directory, an install puts the plug-in in the
+// library directory. Throws Failure when there is none.
+std::string DefaultPluginPath();
+
+// The canonical path of an existing directory. Throws UsageError
+// "--root <root>: <reason>".
+std::string ResolveRoot(const std::string& root);
+
+// "KEY=VALUE" texts as pairs. Throws UsageError "-o <text>: expected KEY=VALUE".
+std::vector<std::pair<std::string, std::string>> ParsePluginOptions(
+    const std::vector<std::string>& options);
+
+}  // namespace plughost
