@@ -94,11 +94,36 @@ int Get(Invocation& run, const GetArgs& args) {
   return kExitOk;
 }
 
+// A get writes in its destination directory (or to a device or pipe named
+// as the destination): the one local place it needs besides the root.
+LocalFiles GetLocalFiles(const GetArgs& args) {
+  if (args.local == "-") return {};
+  std::string local = args.local.empty() ? std::string(".") : args.local;
+  struct stat st {};
+  if (stat(local.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) return {{}, {local}};
+  std::string parent = std::filesystem::path(local).parent_path().string();
+  return {{}, {parent.empty() ? std::string(".") : parent}};
+}
+
 struct PutArgs {
   std::string local;
   std::string dir;
   std::string name;
+  std::shared_ptr<FileCache> spooled;  // standard input, read before confining
 };
+
+// Standard input is spooled to a temporary file, which must be made before
+// the process is confined to the root; a local file is opened later, by name.
+LocalFiles PreparePut(PutArgs& args) {
+  if (args.local != "-") return {{args.local}, {}};
+  if (args.name.empty()) throw UsageError("put -: --name is required when reading standard input");
+  try {
+    args.spooled = FileCache::FromStream(std::cin);
+  } catch (const std::system_error& error) {
+    throw Failure("put -: cannot read: " + error.code().message());
+  }
+  return {};
+}
 
 int Put(Invocation& run, const PutArgs& args) {
   std::string name = args.name;
@@ -112,11 +137,11 @@ int Put(Invocation& run, const PutArgs& args) {
   std::string dir = run.Relative(args.dir, "put");
   std::string target = ChildPath(dir, name);
   Context context{"put", DisplayPath(target)};
+  run.paths().CheckLinks(target, context);
 
-  std::unique_ptr<FileCache> cache;
+  std::shared_ptr<FileCache> cache;
   try {
-    cache = args.local == "-" ? FileCache::FromStream(std::cin)
-                              : std::make_unique<FileCache>(args.local);
+    cache = args.local == "-" ? args.spooled : std::make_unique<FileCache>(args.local);
   } catch (const std::system_error& error) {
     throw Failure("put " + args.local + ": cannot read: " + error.code().message());
   }
@@ -162,8 +187,9 @@ int Put(Invocation& run, const PutArgs& args) {
 
 void RegisterTransferCommands(CommandSet& commands) {
   auto get = std::make_shared<GetArgs>();
-  CLI::App* get_cmd = commands.Add("get", "Copy a file from the storage to a local file",
-                                   [get](Invocation& run) { return Get(run, *get); });
+  CLI::App* get_cmd = commands.Add(
+      "get", "Copy a file from the storage to a local file",
+      [get](Invocation& run) { return Get(run, *get); }, [get] { return GetLocalFiles(*get); });
   get_cmd->add_option("path", get->path, "File to copy")->required()->type_name("PATH");
   get_cmd
       ->add_option("local", get->local,
@@ -172,8 +198,9 @@ void RegisterTransferCommands(CommandSet& commands) {
       ->type_name("LOCAL");
 
   auto put = std::make_shared<PutArgs>();
-  CLI::App* put_cmd = commands.Add("put", "Copy a local file into a storage directory",
-                                   [put](Invocation& run) { return Put(run, *put); });
+  CLI::App* put_cmd = commands.Add(
+      "put", "Copy a local file into a storage directory",
+      [put](Invocation& run) { return Put(run, *put); }, [put] { return PreparePut(*put); });
   put_cmd->add_option("local", put->local, "Local file to copy, or - for stdin (needs --name)")
       ->required()
       ->type_name("LOCAL");
