@@ -304,6 +304,12 @@ int MountFs::Close(const std::shared_ptr<OpenNode>& node) {
   }
   std::string aside;
   if (!open_.Drop(node, &aside)) return error;
+  // A file the bridge moved aside when it was removed while open: the
+  // bridge deletes it after this release, unless the move and this release
+  // crossed, so it goes here (a second delete finds nothing).
+  if (aside.empty() && IsKernelHiddenName(BaseName(open_.RelativeOf(*node)))) {
+    aside = open_.RelativeOf(*node);
+  }
   if (!aside.empty()) {
     try {
       client_.Delete(Protocol(aside), {"remove", aside});
@@ -340,6 +346,17 @@ ShutdownReport MountFs::Shutdown() {
     report.failed.emplace_back("/" + relative, kept);
     // Reported here; the table must not report it again as lost.
     node->dirty.store(false);
+  }
+  // Removed files still open when the mount ended: the kernel drops their
+  // last releases at an unmount, so their aside entries go here.
+  for (const std::shared_ptr<OpenNode>& node : open_.All()) {
+    std::string relative = open_.RelativeOf(*node);
+    if (open_.Hidden(*node) || IsKernelHiddenName(BaseName(relative))) {
+      try {
+        client_.Delete(Protocol(relative), {"remove", relative});
+      } catch (const ProtocolError&) {
+      }
+    }
   }
   return report;
 }

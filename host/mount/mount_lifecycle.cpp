@@ -4,9 +4,13 @@
 
 #include "host/mount/mount_lifecycle.h"
 
+#include <fcntl.h>
 #include <fuse3/fuse.h>
+#include <fuse3/fuse_lowlevel.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,6 +18,7 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -105,6 +110,75 @@ std::string EscapeOption(const std::string& value) {
   return out;
 }
 
+// Confinement takes away the right to unmount, so a small unconfined helper
+// process is started first. It waits until the server closes its end of a
+// pipe, which happens when the server is done or dies (even by SIGKILL),
+// and then detaches the mount: a mount never outlives its server.
+class UnmountHelper {
+ public:
+  // Returns with the helper running, or throws.
+  // The helper also removes the (then empty) cache directory, which the
+  // confined server may not.
+  UnmountHelper(const std::string& mountpoint, const std::string& cache_dir, int fuse_fd) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+      throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+    }
+    pid_ = fork();
+    if (pid_ < 0) {
+      int error = errno;
+      close(ends[0]);
+      close(ends[1]);
+      throw std::runtime_error(std::string("fork: ") + std::strerror(error));
+    }
+    if (pid_ == 0) {
+      // Holds nothing of the server: with the kernel's descriptor open here,
+      // a dead server's mount would hang instead of failing.
+      close(ends[1]);
+      close(fuse_fd);
+      for (int fd = 3; fd < 1024; ++fd) {
+        if (fd != ends[0]) close(fd);
+      }
+      signal(SIGINT, SIG_IGN);
+      signal(SIGTERM, SIG_IGN);
+      char byte;
+      ssize_t n;
+      do {
+        n = read(ends[0], &byte, 1);
+      } while (n < 0 && errno == EINTR);
+      if (geteuid() == 0) {
+        umount2(mountpoint.c_str(), MNT_DETACH);
+        rmdir(cache_dir.c_str());
+        _exit(0);
+      }
+      // fusermount3 below: the cache directory first (kept when not empty).
+      rmdir(cache_dir.c_str());
+      execlp("fusermount3", "fusermount3", "-u", "-z", "-q", "--", mountpoint.c_str(),
+             static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(ends[0]);
+    write_end_ = ends[1];
+  }
+  UnmountHelper(const UnmountHelper&) = delete;
+  UnmountHelper& operator=(const UnmountHelper&) = delete;
+  ~UnmountHelper() { Unmount(); }
+
+  // Detaches the mount and waits until it is gone.
+  void Unmount() {
+    if (write_end_ < 0) return;
+    close(write_end_);
+    write_end_ = -1;
+    int status = 0;
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int write_end_ = -1;
+};
+
 }  // namespace
 
 int Serve(const MountOptions& options) {
@@ -175,6 +249,9 @@ int Serve(const MountOptions& options) {
     return kMountExitFailed;
   }
   fuse_session* lowlevel = fuse_get_session(kernel);
+  // From here on the process reaches only the root and its cache directory.
+  UnmountHelper helper(mountpoint, cache_dir, fuse_session_fd(lowlevel));
+  session->Confine({}, {cache_dir});
   // libfuse only takes over signals left at their default; a shell starts
   // background jobs with SIGINT ignored, and an unmount on SIGINT is wanted
   // there too. (SIGHUP stays as it is, so that nohup keeps working.)
@@ -206,6 +283,8 @@ int Serve(const MountOptions& options) {
     }
     status = kMountExitFailed;
   }
+  // The helper unmounts; libfuse only closes its descriptor then.
+  helper.Unmount();
   fuse_unmount(kernel);
   fuse_destroy(kernel);
   return status;
