@@ -139,6 +139,7 @@ int MountFs::Utimens(const char* path, std::uint64_t fh, const struct timespec t
     }
   }
   if (omit[0] && omit[1]) return 0;
+  if (int error = Beneath(relative); error != 0) return error;
   if (omit[0] || omit[1]) {
     struct stat st {};
     int error = GetAttr(("/" + relative).c_str(), 0, &st);

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "host/core/confine.h"
 #include "host/core/paths.h"
 #include "host/mount/read_ahead.h"
 
@@ -49,6 +50,11 @@ int MountFs::RelativeOf(const char* path, std::string* relative) {
   }
   *relative = std::move(*normal);
   return 0;
+}
+
+int MountFs::Beneath(const std::string& relative) const {
+  if (settings_.local_root.empty()) return 0;
+  return CheckBeneath(settings_.local_root, relative, false) == 0 ? 0 : -EACCES;
 }
 
 std::size_t MountFs::OpenNodes() const {
@@ -171,6 +177,7 @@ int MountFs::Create(const char* path, int /*flags*/, std::uint64_t* fh) {
   std::string relative;
   if (int error = RelativeOf(path, &relative); error != 0) return error;
   if (relative.empty()) return -EEXIST;
+  if (int error = Beneath(relative); error != 0) return error;
   std::shared_ptr<OpenNode> node = open_.Acquire(relative);
   {
     std::lock_guard<std::mutex> guard(node->lock);

@@ -117,6 +117,10 @@ class MountFs {
   int Info(const std::string& relative, _FS_FILE_V2* file);
   // The relative path of a kernel path; -ENAMETOOLONG for an overlong name.
   static int RelativeOf(const char* path, std::string* relative);
+  // 0 when `relative` stays beneath a local root (no link leads out), else
+  // -EACCES. For what the kernel's confinement does not cover: time changes,
+  // and creates, which reach the storage only at the first flush.
+  int Beneath(const std::string& relative) const;
   // Attributes of a file that exists only in the table.
   void PendingStat(const OpenNode& node, struct stat* st) const;
   void OverlayStaged(const OpenNode& node, struct stat* st) const;

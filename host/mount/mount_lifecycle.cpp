@@ -18,6 +18,7 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -120,6 +121,10 @@ class UnmountHelper {
   // The helper also removes the (then empty) cache directory, which the
   // confined server may not.
   UnmountHelper(const std::string& mountpoint, const std::string& cache_dir, int fuse_fd) {
+    // Which mount is ours: by the time the server ends, an unmount may have
+    // taken it away and another one may sit on the same directory.
+    std::optional<MountEntry> ours = FindMount(mountpoint);
+    const long id = ours ? ours->id : -1;
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
       throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
@@ -146,6 +151,11 @@ class UnmountHelper {
       do {
         n = read(ends[0], &byte, 1);
       } while (n < 0 && errno == EINTR);
+      std::optional<MountEntry> now = FindMount(mountpoint);
+      if (id < 0 || !now || now->id != id) {
+        rmdir(cache_dir.c_str());
+        _exit(0);
+      }
       if (geteuid() == 0) {
         umount2(mountpoint.c_str(), MNT_DETACH);
         rmdir(cache_dir.c_str());

@@ -80,8 +80,8 @@ std::optional<MountEntry> FindMount(const std::string& absolute_path,
     std::string point = UnescapeMountField(words[4]);
     if (point != absolute_path) continue;
     // The last entry wins: it is the one on top.
-    found =
-        MountEntry{point, UnescapeMountField(words[dash + 1]), UnescapeMountField(words[dash + 2])};
+    found = MountEntry{std::strtol(words[0].c_str(), nullptr, 10), point,
+                       UnescapeMountField(words[dash + 1]), UnescapeMountField(words[dash + 2])};
   }
   return found;
 }

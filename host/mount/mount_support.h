@@ -39,6 +39,7 @@ void FillStat(const _FS_FILE_V2& file, const Ownership& owner, struct stat* st);
 
 // What is mounted at an absolute path, from /proc/self/mountinfo.
 struct MountEntry {
+  long id = -1;  // the mount's ID, unique while it is mounted
   std::string mount_point;
   std::string fs_type;  // "fuse.localdisk", "ext4", ...
   std::string source;

@@ -329,12 +329,80 @@ fullfs() {
   "$tool" unmount "$mnt"
 }
 
+# Other users: with --allow-other the kernel checks the mount's modes, which
+# are private unless the options grant more; a second uid through setpriv.
+others() {
+  [ "$(id -u)" = 0 ] || skip "a second user needs root"
+  command -v setpriv >/dev/null || skip "setpriv is not installed"
+  # The second user must reach the mount point.
+  chmod 0755 "$work" "$mnt"
+  printf 'secret\n' >"$root/f"
+  mkdir "$root/d"
+  as_nobody() { setpriv --reuid=65534 --regid=65534 --clear-groups -- "$@"; }
+
+  mount_it --allow-other
+  [ "$(stat -c %a "$mnt/f")" = 600 ] || fail "default file mode $(stat -c %a "$mnt/f")"
+  [ "$(stat -c %a "$mnt/d")" = 700 ] || fail "default directory mode"
+  [ "$(stat -c %u "$mnt/f")" = 0 ] || fail "owner is not the mounting user"
+  if as_nobody cat "$mnt/f" >/dev/null 2>&1; then fail "another user read a private file"; fi
+  if as_nobody ls "$mnt" >/dev/null 2>&1; then fail "another user listed a private mount"; fi
+  "$tool" unmount "$mnt"
+
+  mount_it --allow-other --umask 022
+  [ "$(as_nobody cat "$mnt/f")" = secret ] || fail "--umask 022 does not let others read"
+  if as_nobody sh -c "echo x >'$mnt/f'" 2>/dev/null; then fail "another user wrote a 0644 file"; fi
+  "$tool" unmount "$mnt"
+
+  mount_it --allow-other --uid 65534 --gid 65534 --file-mode 0640 --dir-mode 0750
+  [ "$(stat -c '%u %g %a' "$mnt/f")" = "65534 65534 640" ] || fail "--uid/--gid/--file-mode"
+  [ "$(stat -c %a "$mnt/d")" = 750 ] || fail "--dir-mode"
+  [ "$(as_nobody cat "$mnt/f")" = secret ] || fail "the owner given with --uid cannot read"
+  "$tool" unmount "$mnt"
+
+  expect_error "expected an octal mode" "$tool" --plugin "$plugin" --root "$root" mount "$mnt" \
+    --umask 9z
+}
+
+# Links out of the root: nothing outside is read or changed through the mount.
+links() {
+  local outside=$work/outside
+  mkdir -p "$outside/dir"
+  printf 'outside\n' >"$outside/file"
+  touch -d "2001-01-01" "$outside/file"
+  ln -s "$outside" "$root/abs"
+  ln -s ../outside "$root/rel"
+  ln -s "$outside/missing" "$root/dangling"
+  mkdir "$root/inside"
+  printf 'inside\n' >"$root/inside/file"
+  ln -s inside "$root/in"
+  mount_it
+  [ "$(cat "$mnt/in/file")" = inside ] || fail "a link inside the root stopped working"
+  local link
+  for link in abs rel; do
+    if cat "$mnt/$link/file" >/dev/null 2>&1; then fail "read outside through $link"; fi
+    if sh -c "echo x >'$mnt/$link/new'" 2>/dev/null; then fail "created outside through $link"; fi
+    rm -f "$mnt/$link/file" 2>/dev/null || true
+    mkdir "$mnt/$link/made" 2>/dev/null || true
+    touch -d "2010-01-01" "$mnt/$link/file" 2>/dev/null || true
+  done
+  if sh -c "echo x >'$mnt/dangling'" 2>/dev/null; then fail "created outside through a dangling link"; fi
+  [ "$(cat "$outside/file")" = outside ] || fail "the outside file changed"
+  [ "$(stat -c %Y "$outside/file")" = "$(date -d 2001-01-01 +%s)" ] || fail "outside times changed"
+  local made
+  for made in new made missing; do
+    [ ! -e "$outside/$made" ] || fail "$made was created outside"
+  done
+  "$tool" unmount "$mnt"
+}
+
 case $scenario in
   session) session ;;
   busy) busy ;;
   signals) signals ;;
   interrupt) interrupt ;;
   fullfs) fullfs ;;
+  others) others ;;
+  links) links ;;
   *) fail "unknown scenario $scenario" ;;
 esac
 echo "PASS: $scenario"

@@ -88,6 +88,7 @@ TEST(MountSupport, MountTable) {
   }
   auto entry = plughost::FindMount("/tmp/m x", pattern);
   ASSERT_TRUE(entry.has_value());
+  EXPECT_EQ(entry->id, 90);
   EXPECT_EQ(entry->fs_type, "fuse.localdisk");
   EXPECT_EQ(entry->source, "plughost:/srv");
   EXPECT_FALSE(plughost::FindMount("/tmp/m", pattern).has_value());
