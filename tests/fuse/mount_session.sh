@@ -121,7 +121,6 @@ session() {
   # ls -l through the mount matches the root seen directly (modes, owner,
   # size, time and name; the link count of directories is not kept)
   sleep 1.1
-  local listing
   listing() { ls -l --time-style=+%s "$1" | awk 'NR > 1 { print $1, $3, $4, $5, $6, $7 }'; }
   diff <(listing "$mnt/a") <(listing "$root/a") || fail "ls -l differs"
   diff <(listing "$mnt/a/b") <(listing "$root/a/b") || fail "ls -l differs (a/b)"
