@@ -39,13 +39,13 @@ int RunOnSession(const GlobalOptions& options, const SessionCommand& command,
     return status;
   } catch (const Cancelled& error) {
     Complain(error.what());
-    return kExitCancelled;
+    return CancelledStatus();
   } catch (const UsageError& error) {
     Complain(error.what());
     return kExitUsage;
   } catch (const std::exception& error) {
     Complain(error.what());
-    return Interrupted() ? kExitCancelled : kExitFailed;
+    return Interrupted() ? CancelledStatus() : kExitFailed;
   }
 }
 

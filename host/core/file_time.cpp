@@ -1,6 +1,7 @@
 #include "host/core/file_time.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 
 #include <date/date.h>
@@ -46,6 +47,13 @@ time_t ReadAsStandard(struct tm fields) {
   return mktime(&fields);
 }
 
+// Seconds of the fields read as UTC.
+long long Pack(const Fields& f) {
+  date::sys_days day = date::year{f.year} / f.month / f.day;
+  return static_cast<long long>(day.time_since_epoch().count()) * 86400 + f.hour * 3600LL +
+         f.minute * 60LL + f.second;
+}
+
 std::string Format(const struct tm& t) {
   char text[64];
   std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.000Z", t.tm_year + 1900,
@@ -54,6 +62,13 @@ std::string Format(const struct tm& t) {
 }
 
 }  // namespace
+
+void PinTimeZone() {
+  if (std::getenv("TZ") == nullptr) {
+    setenv("TZ", ":/etc/localtime", 1);
+    tzset();
+  }
+}
 
 std::string FileTimeText(time_t instant) {
   // Start from the UTC fields and move them by the difference the reader
@@ -71,30 +86,32 @@ std::string FileTimeText(time_t instant) {
 }
 
 time_t FileTimeInstant(const std::string& text) {
-  std::optional<Fields> fields = ParseFields(text);
-  if (!fields) return 0;
-  // Try the fields as standard and as summer time; keep the readings whose
-  // local fields are the text's.
+  std::optional<Fields> parsed = ParseFields(text);
+  if (!parsed) return 0;
+  long long fields = Pack(*parsed);
+  // The instant is the fields minus the zone's offset then. The offsets in
+  // use a day before and a day after cover any clock change near it; each
+  // reading counts when its local fields are the text's. (mktime would
+  // search far and wide for a reading of a given summer-time flag.)
   std::optional<time_t> found;
-  for (int isdst : {0, 1}) {
-    struct tm t = ToTm(*fields, isdst);
-    time_t candidate = mktime(&t);
+  for (long long side : {-86400LL, 86400LL}) {
+    time_t probe = static_cast<time_t>(fields + side);
+    struct tm near {};
+    if (localtime_r(&probe, &near) == nullptr) continue;
+    time_t candidate = static_cast<time_t>(fields - near.tm_gmtoff);
     struct tm check {};
-    if (candidate == static_cast<time_t>(-1) || localtime_r(&candidate, &check) == nullptr ||
-        !SameFields(check, *fields)) {
+    if (localtime_r(&candidate, &check) == nullptr || !SameFields(check, *parsed)) {
       continue;
     }
     if (!found || candidate < *found) found = candidate;
   }
-  return found ? *found : ReadAsStandard(ToTm(*fields, 0));
+  if (found) return *found;
+  return ReadAsStandard(ToTm(*parsed, 0));
 }
 
 long long PackFileTimeFields(const std::string& text) {
   std::optional<Fields> f = ParseFields(text);
-  if (!f) return kNoFields;
-  date::sys_days day = date::year{f->year} / f->month / f->day;
-  return static_cast<long long>(day.time_since_epoch().count()) * 86400 + f->hour * 3600LL +
-         f->minute * 60LL + f->second;
+  return f ? Pack(*f) : kNoFields;
 }
 
 std::string UnpackFileTimeFields(long long fields) {

@@ -14,6 +14,13 @@
 
 namespace plughost {
 
+// When TZ is unset, sets it to ":/etc/localtime", the zone the C library
+// would use anyway: with TZ unset it checks that file again on every mktime
+// and localtime; with TZ set it reads it once. Conversions give the same
+// results. Call at start-up, before any thread starts (it changes the
+// environment).
+void PinTimeZone();
+
 // The text to hand to SetFileTime so that the plug-in sets exactly `instant`.
 std::string FileTimeText(time_t instant);
 

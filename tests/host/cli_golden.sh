@@ -352,10 +352,11 @@ sed -E \
   -e "s|^$host_name/|<HOST>/|" \
   -e "s|\"user\":\"$host_name/|\"user\":\"<HOST>/|" \
   -e 's/^create: .*/create: <ctime>/' \
-  -e 's/"id_bytes":"[^"]*"/"id_bytes":"<id>"/g' \
+  -e 's/\.plughost-[A-Za-z0-9]{6}\.(partial|old)/.plughost-XXXXXX.\1/g' \
   -e 's/^confinement: .*/confinement: <CONFINEMENT>/' \
   -e 's/"confinement":"[a-z]+","landlock_abi":[0-9]+/"confinement":<CONFINEMENT>/' \
   -e '/^2> plughost: warning: confinement falls back/d' \
+  -e 's/"id_bytes":"[^"]*"/"id_bytes":"<id>"/g' \
   -e '/^type:   directory$/{n;s/^size:   [0-9]+$/size:   <dirsize>/}' \
   -e 's/"create_time":"[^"]*"/"create_time":"<ctime>"/g' \
   -e 's/("type":"directory","size":)[0-9]+(,"id":"[^"]*","create_time":"[^"]*","access_time":")[^"]*/\1<dirsize>\2<atime>/g' \

@@ -145,3 +145,23 @@ TEST(FileTime, TextWithoutFieldsIsZero) {
   EXPECT_EQ(FileTimeInstant(""), 0);
   EXPECT_EQ(FileTimeInstant("yesterday"), 0);
 }
+
+TEST(PinTimeZone, SetsAnUnsetZoneToTheSystemFileAndKeepsAGivenOne) {
+  timetest::TzGuard restore(timetest::kUtc);  // restores the original at the end
+  unsetenv("TZ");
+  tzset();
+  time_t t = 1719835200;
+  struct tm unpinned {};
+  localtime_r(&t, &unpinned);
+  plughost::PinTimeZone();
+  ASSERT_NE(std::getenv("TZ"), nullptr);
+  EXPECT_STREQ(std::getenv("TZ"), ":/etc/localtime");
+  struct tm pinned {};
+  localtime_r(&t, &pinned);
+  EXPECT_EQ(pinned.tm_hour, unpinned.tm_hour);
+  EXPECT_EQ(pinned.tm_gmtoff, unpinned.tm_gmtoff);
+
+  setenv("TZ", kBerlinRules, 1);
+  plughost::PinTimeZone();
+  EXPECT_STREQ(std::getenv("TZ"), kBerlinRules);
+}
