@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "host/core/paths.h"
+#include "host/core/transfer.h"
 #include "host/mount/mount_fs.h"
 
 namespace plughost {
@@ -93,7 +94,6 @@ int MountFs::Rename(const char* from, const char* to, unsigned int flags) {
   if (int error = RelativeOf(to, &target); error != 0) return error;
   if (source.empty() || target.empty()) return -EBUSY;
   if (source == target) return 0;
-  const bool source_open = open_.Find(source) != nullptr;
   if (std::shared_ptr<OpenNode> node = open_.Find(source); node && node->pending.load()) {
     // Still being created: it must exist on the storage to be moved.
     std::lock_guard<std::mutex> guard(node->lock);
@@ -132,9 +132,10 @@ int MountFs::Rename(const char* from, const char* to, unsigned int flags) {
   open_.MoveTree(source, target);
   stamps_.Forget(source);
   stamps_.Forget(target);
-  if (source_open && IsKernelHiddenName(BaseName(target)) && !open_.Find(target)) {
+  if (IsKernelHiddenName(BaseName(target)) && !open_.Find(target)) {
     // The bridge hides a file it believes open, but the last release came
-    // first: nobody will delete it later.
+    // first: nobody will delete it later. (These names are the bridge's
+    // own: never listed, and reserved.)
     try {
       client_.Delete(Protocol(target), {"remove", target});
     } catch (const ProtocolError&) {

@@ -8,11 +8,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
-#include <random>
 #include <utility>
 
 #include "host/core/adapters.h"
 #include "host/core/paths.h"
+#include "host/core/transfer.h"
 #include "host/mount/mount_support.h"
 
 namespace plughost {
@@ -44,44 +44,12 @@ int PwriteAll(int fd, const char* buffer, std::size_t size, off_t offset) {
   return 0;
 }
 
-namespace {
-
-constexpr const char kTemporaryTag[] = ".plughost-";
-constexpr const char kTemporarySuffix[] = ".partial";
-
-std::string RandomTag() {
-  static const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-  thread_local std::mt19937 generator(std::random_device{}());
-  std::uniform_int_distribution<int> pick(0, static_cast<int>(sizeof kAlphabet) - 2);
-  std::string out(6, 'X');
-  for (char& c : out)
-    c = kAlphabet[pick(generator)];
-  return out;
-}
-
-}  // namespace
-
-std::string TemporaryNameFor(const std::string& name) {
-  // Within the 255 bytes of a name: a long name is cut (only the pattern
-  // around it matters).
-  constexpr std::size_t kRoom =
-      255 - 1 - (sizeof kTemporaryTag - 1) - 6 - (sizeof kTemporarySuffix - 1);
-  return "." + name.substr(0, kRoom) + kTemporaryTag + RandomTag() + kTemporarySuffix;
-}
-
 bool IsKernelHiddenName(const std::string& name) {
   return name.compare(0, 12, ".fuse_hidden") == 0;
 }
 
 bool IsTemporaryEntryName(const std::string& name) {
-  if (IsKernelHiddenName(name)) return true;
-  // "." NAME ".plughost-" 6 characters ".partial"
-  const std::size_t tail = sizeof kTemporaryTag - 1 + 6 + sizeof kTemporarySuffix - 1;
-  if (name.size() < 2 + tail || name[0] != '.') return false;
-  const std::size_t tag = name.size() - tail;
-  return name.compare(tag, sizeof kTemporaryTag - 1, kTemporaryTag) == 0 &&
-         name.compare(name.size() - (sizeof kTemporarySuffix - 1), std::string::npos,
-                      kTemporarySuffix) == 0;
+  return IsTemporaryName(name) || IsKernelHiddenName(name);
 }
 
 Staging::Staging(Client& client, std::string cache_dir, std::string local_root)
@@ -137,38 +105,22 @@ int Staging::Upload(const std::string& parent, const std::string& name, int fd, 
     }
     return static_cast<long long>(done);
   });
-  _FS_FILE_V2 file;
-  file.name = TemporaryNameFor(name);
-  file.size = size;
-  const std::string temporary = file.name;
-  AERROR result = client_.Upload(parent, std::make_shared<_FS_HANDLE>(), &cache, &file,
-                                 UPLOAD_FLAG_OVERWRITE, nullptr);
-  if (result != SUCCESS) {
-    // The plug-in removes a failed upload but keeps a cancelled one.
-    try {
-      client_.Delete(JoinProtocolPath(parent, temporary), {"remove", temporary});
-    } catch (const ProtocolError&) {
-    }
-    if (!local_root_.empty()) {
-      struct statvfs st {};
-      if (statvfs(local_root_.c_str(), &st) == 0 &&
-          static_cast<unsigned long long>(st.f_bavail) * st.f_frsize <
-              static_cast<unsigned long long>(size)) {
-        return -ENOSPC;
-      }
-    }
-    return ErrnoOf(result);
+  ReplaceRequest request;
+  request.parent = parent;
+  request.name = name;
+  request.source = &cache;
+  request.size = size;
+  request.flag = UPLOAD_FLAG_OVERWRITE;
+  request.local_root = local_root_;
+  ReplaceResult result = ReplaceFile(client_, request);
+  if (result.ok()) {
+    *record = result.file;
+    return 0;
   }
-  try {
-    *record = client_.Move(JoinProtocolPath(parent, temporary), parent, name, {"move", name});
-  } catch (const ProtocolError& error) {
-    try {
-      client_.Delete(JoinProtocolPath(parent, temporary), {"remove", temporary});
-    } catch (const ProtocolError&) {
-    }
-    return ErrnoOf(error.code());
-  }
-  return 0;
+  if (result.out_of_space) return -ENOSPC;
+  if (result.is_directory) return -EISDIR;
+  if (result.status == TransferStatus::kCancelled) return -EINTR;
+  return result.code == SUCCESS ? -EIO : ErrnoOf(result.code);
 }
 
 namespace {

@@ -1,8 +1,8 @@
 // Staging: the protocol has no partial writes, so a file opened for writing
 // is copied into an unlinked local file in the cache directory, changed
 // there, and uploaded whole. The upload goes to a temporary name beside the
-// file and is moved over it only when complete (atomic replace): a failed,
-// cancelled or killed upload leaves the old content under the name.
+// file and is moved over it only when complete (ReplaceFile, transfer.h): a
+// failed, cancelled or killed upload leaves the old content under the name.
 #pragma once
 
 #include <memory>
@@ -50,11 +50,9 @@ class Staging {
   std::string local_root_;
 };
 
-// The temporary names of atomic replaces and of open files moved aside:
-// ".NAME.plughost-XXXXXX.partial" (NAME cut to fit 255 bytes). The mount
-// never lists them, nor the names the kernel bridge moves removed open
-// files to (".fuse_hidden...").
-std::string TemporaryNameFor(const std::string& name);
+// Names the mount never lists: the temporary names of atomic replaces and of
+// open files moved aside (IsTemporaryName, transfer.h), and the names the
+// kernel bridge moves removed open files to (".fuse_hidden...").
 bool IsTemporaryEntryName(const std::string& name);
 // ".fuse_hidden...": an open file removed through the kernel, deleted by the
 // bridge at its last close; its content is never uploaded again.
