@@ -112,9 +112,13 @@ void MountCommands::Register(CLI::App& app) {
       ->type_name("SECONDS");
   mount
       ->add_option("--dir-cache-time", options_.dir_cache_time,
-                   "Seconds the kernel may trust a directory listing")
+                   "Seconds a directory listing is kept (changes made through the mount "
+                   "show at once)")
       ->capture_default_str()
       ->type_name("SECONDS");
+  mount->add_flag("--writeback-cache", options_.writeback_cache,
+                  "Let the kernel gather writes (faster small writes; changes not yet "
+                  "handed over are lost on SIGTERM)");
   mount->callback([this] { chosen_ = Chosen::kMount; });
 
   CLI::App* unmount = app.add_subcommand("unmount", "Unmount a file system mounted with mount");

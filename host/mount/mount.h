@@ -38,13 +38,20 @@ struct MountOptions {
   // mounting user, files 0600, directories 0700).
   long long uid = -1;
   long long gid = -1;
-  std::string umask;            // octal; files 0666 & ~umask, directories 0777 & ~umask
-  std::string file_mode;        // octal; wins over --umask for files
-  std::string dir_mode;         // octal; wins over --umask for directories
-  bool strict_modes = false;    // refuse chmod/chown instead of accepting them
-  bool sync_on_close = false;   // make every upload at close durable
-  double attr_timeout = 1.0;    // seconds the kernel trusts attributes
-  double dir_cache_time = 1.0;  // seconds the kernel trusts listings
+  std::string umask;           // octal; files 0666 & ~umask, directories 0777 & ~umask
+  std::string file_mode;       // octal; wins over --umask for files
+  std::string dir_mode;        // octal; wins over --umask for directories
+  bool strict_modes = false;   // refuse chmod/chown instead of accepting them
+  bool sync_on_close = false;  // make every upload at close durable
+  // Seconds the kernel trusts attributes and names, and the mount its
+  // listings. Changes made through the mount are seen at once; changes made
+  // to the storage behind its back may take this long to show.
+  double attr_timeout = 10.0;
+  double dir_cache_time = 60.0;
+  // The kernel gathers writes in its page cache (faster small writes). Off by
+  // default: pages not yet handed over at a SIGTERM would be lost, and a
+  // file shortened behind the mount's back reads as zeros instead of ending.
+  bool writeback_cache = false;
 };
 
 // Exit statuses of the two commands.

@@ -69,30 +69,72 @@ int MountFs::GetAttr(const char* path, std::uint64_t fh, struct stat* st) {
   return 0;
 }
 
+namespace {
+
+double MonotonicSeconds() {
+  struct timespec now {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+constexpr std::size_t kListingsKept = 256;
+
+}  // namespace
+
+bool MountFs::CachedListing(const std::string& relative, std::vector<DirEntry>* entries) {
+  if (settings_.dir_cache_time <= 0) return false;
+  std::lock_guard<std::mutex> guard(listings_lock_);
+  auto it = listings_.find(relative);
+  if (it == listings_.end()) return false;
+  if (it->second.generation != generation_.load() ||
+      MonotonicSeconds() - it->second.loaded > settings_.dir_cache_time) {
+    listings_.erase(it);
+    return false;
+  }
+  *entries = it->second.entries;
+  return true;
+}
+
+void MountFs::KeepListing(const std::string& relative, std::uint64_t generation,
+                          const std::vector<DirEntry>& entries) {
+  if (settings_.dir_cache_time <= 0) return;
+  std::lock_guard<std::mutex> guard(listings_lock_);
+  if (listings_.size() >= kListingsKept) listings_.clear();
+  listings_[relative] = Listing{generation, MonotonicSeconds(), entries};
+}
+
 int MountFs::ListDir(const char* path, std::vector<DirEntry>* entries) {
   std::string relative;
   if (int error = RelativeOf(path, &relative); error != 0) return error;
   entries->clear();
-  std::vector<_FS_FILE_V2> files;
-  try {
-    files = client_.List(Protocol(relative), {"list", relative});
-  } catch (const ProtocolError& error) {
-    return ErrnoOf(error.code());
+  if (!CachedListing(relative, entries)) {
+    // Taken before the listing: a change during it makes the result stale.
+    const std::uint64_t generation = generation_.load();
+    std::vector<_FS_FILE_V2> files;
+    try {
+      files = client_.List(Protocol(relative), {"list", relative});
+    } catch (const ProtocolError& error) {
+      return ErrnoOf(error.code());
+    }
+    entries->reserve(files.size());
+    for (const _FS_FILE_V2& file : files) {
+      // Aside entries of open files and partial uploads are the mount's own.
+      if (!IsPlainName(file.name) || IsTemporaryEntryName(file.name)) continue;
+      DirEntry entry;
+      entry.name = file.name;
+      FillStat(file, settings_.owner, &entry.st);
+      entries->push_back(std::move(entry));
+    }
+    KeepListing(relative, generation, *entries);
   }
+  if (open_.Count() == 0) return 0;
   const std::string prefix = relative.empty() ? std::string() : relative + "/";
   std::unordered_set<std::string> names;
-  entries->reserve(files.size());
-  for (const _FS_FILE_V2& file : files) {
-    // Aside entries of open files and partial uploads are the mount's own.
-    if (!IsPlainName(file.name) || IsTemporaryEntryName(file.name)) continue;
-    DirEntry entry;
-    entry.name = file.name;
-    FillStat(file, settings_.owner, &entry.st);
+  for (DirEntry& entry : *entries) {
     if (std::shared_ptr<OpenNode> node = open_.Find(prefix + entry.name)) {
       OverlayStaged(*node, &entry.st);
     }
     names.insert(entry.name);
-    entries->push_back(std::move(entry));
   }
   for (const std::shared_ptr<OpenNode>& node : open_.PendingIn(relative)) {
     DirEntry entry;
@@ -113,6 +155,7 @@ int MountFs::SetTimes(const std::string& relative, time_t access, time_t modify)
     return ErrnoOf(error.code());
   }
   stamps_.Forget(relative);
+  Changed();
   return 0;
 }
 

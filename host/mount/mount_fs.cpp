@@ -132,6 +132,7 @@ int MountFs::UploadLocked(OpenNode& node, bool durable) {
   node.dirty.store(false);
   node.pending.store(false);
   stamps_.Forget(relative);
+  Changed();
   if (node.has_pending_times.exchange(false)) {
     error = SetTimes(relative, node.pending_access.load(), node.pending_modify.load());
     if (error != 0) return error;

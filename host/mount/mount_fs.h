@@ -23,9 +23,12 @@
 #include <sys/statvfs.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "host/core/client.h"
@@ -49,6 +52,9 @@ struct MountSettings {
   bool sync_on_close = false;
   // The root directory when the plug-in serves a local one ("root_path").
   std::string local_root;
+  // Seconds a listing is answered from memory; every change made through
+  // the mount drops the kept listings. 0: always ask the plug-in.
+  double dir_cache_time = 0;
 };
 
 // What the uploads at shutdown left behind.
@@ -136,8 +142,24 @@ class MountFs {
   // `relative` is removed or replaced. 0 or a negative errno.
   int HideOpen(const std::string& relative);
 
+  // Listings kept for dir_cache_time (without the open files' overlay).
+  bool CachedListing(const std::string& relative, std::vector<DirEntry>* entries);
+  void KeepListing(const std::string& relative, std::uint64_t generation,
+                   const std::vector<DirEntry>& entries);
+  // Something changed through the mount: no kept listing is valid any more.
+  void Changed() { generation_.fetch_add(1); }
+
+  struct Listing {
+    std::uint64_t generation = 0;
+    double loaded = 0;  // monotonic seconds
+    std::vector<DirEntry> entries;
+  };
+
   Client& client_;
   std::string root_id_;
+  std::mutex listings_lock_;
+  std::unordered_map<std::string, Listing> listings_;
+  std::atomic<std::uint64_t> generation_{0};
   MountSettings settings_;
   Staging staging_;
   OpenFiles open_;

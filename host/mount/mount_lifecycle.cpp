@@ -26,6 +26,7 @@
 
 #include "host/core/adapters.h"
 #include "host/core/client.h"
+#include "host/core/file_time.h"
 #include "host/core/plugin.h"
 #include "host/core/session.h"
 #include "host/mount/mount_fs.h"
@@ -192,6 +193,8 @@ class UnmountHelper {
 }  // namespace
 
 int Serve(const MountOptions& options) {
+  // Times are converted for every entry listed: the zone is read once.
+  PinTimeZone();
   std::string mountpoint = CheckMountPoint(options.mountpoint);
 
   // The storage is opened before the fork into the background, so that a
@@ -224,11 +227,12 @@ int Serve(const MountOptions& options) {
   mount_settings.strict_modes = options.strict_modes;
   mount_settings.sync_on_close = options.sync_on_close;
   mount_settings.local_root = root;
+  mount_settings.dir_cache_time = options.dir_cache_time;
   MountFs fs(client, root_id, cache_dir, mount_settings);
   KernelContext context;
   context.fs = &fs;
   context.tuning.attr_timeout = options.attr_timeout;
-  context.tuning.dir_cache_time = options.dir_cache_time;
+  context.tuning.writeback_cache = options.writeback_cache;
 
   std::string mount_options = "fsname=" + EscapeOption("plughost:" + root_id) +
                               ",subtype=" + EscapeOption(type) + ",default_permissions" +

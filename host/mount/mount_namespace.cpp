@@ -18,6 +18,7 @@ int MountFs::Mkdir(const char* path) {
     _FS_FILE_V2 file = client_.CreateDirectory(Protocol(DirName(relative)), BaseName(relative),
                                                {"mkdir", relative});
     // The plug-in accepts an existing entry of that name, whatever its kind.
+    Changed();
     if (file.type != 2) return -EEXIST;
   } catch (const ProtocolError& error) {
     return ErrnoOf(error.code());
@@ -34,6 +35,7 @@ int MountFs::HideOpen(const std::string& relative) {
   } catch (const ProtocolError& error) {
     return ErrnoOf(error.code());
   }
+  Changed();
   if (!open_.Hide(relative, aside)) {
     // Closed meanwhile: nobody needs the aside entry.
     try {
@@ -65,6 +67,7 @@ int MountFs::Unlink(const char* path) {
   }
   open_.Forget(relative);
   stamps_.Forget(relative);
+  Changed();
   return 0;
 }
 
@@ -80,6 +83,7 @@ int MountFs::Rmdir(const char* path) {
       return -ENOTEMPTY;
     }
     client_.DeleteDirectory(Protocol(relative), {"rmdir", relative});
+    Changed();
   } catch (const ProtocolError& error) {
     return ErrnoOf(error.code());
   }
@@ -129,6 +133,7 @@ int MountFs::Rename(const char* from, const char* to, unsigned int flags) {
   }
   // Open files follow their entry: a replaced target is gone, and the
   // source (with everything below it) lives under the new name.
+  Changed();
   open_.MoveTree(source, target);
   stamps_.Forget(source);
   stamps_.Forget(target);

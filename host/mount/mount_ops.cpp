@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <string>
 #include <vector>
 
 #include "host/mount/mount_fs.h"
@@ -59,9 +60,14 @@ void* OpInit(fuse_conn_info* conn, fuse_config* cfg) {
     conn->want |= FUSE_CAP_READDIRPLUS;
     conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;
   }
-  // Data reaches the storage only as whole files, staged here: the kernel
-  // must not hold back writes.
-  conn->want &= ~FUSE_CAP_WRITEBACK_CACHE;
+  // The kernel gathers writes into pages and hands them over in large
+  // requests; the staging file absorbs them. Flush and fsync write the pages
+  // back before they reach the mount, so uploads see every byte.
+  if (tuning.writeback_cache && (conn->capable & FUSE_CAP_WRITEBACK_CACHE) != 0) {
+    conn->want |= FUSE_CAP_WRITEBACK_CACHE;
+  } else {
+    conn->want &= ~FUSE_CAP_WRITEBACK_CACHE;
+  }
 
   cfg->entry_timeout = tuning.attr_timeout;
   cfg->attr_timeout = tuning.attr_timeout;
@@ -182,6 +188,8 @@ int OpRemovexattr(const char*, const char*) {
 }
 
 struct DirHandle {
+  std::string path;
+  bool listed = false;
   std::vector<DirEntry> entries;
 };
 
@@ -191,31 +199,47 @@ std::mutex dir_handles_lock;
 
 int OpOpendir(const char* path, fuse_file_info* fi) {
   return Guard([&] {
+    // Listed at the first read: when the kernel still holds the listing it
+    // never asks, and the storage is not listed for nothing.
     auto handle = std::make_unique<DirHandle>();
-    int error = Fs()->ListDir(path, &handle->entries);
-    if (error != 0) return error;
+    handle->path = path != nullptr ? path : "/";
     std::lock_guard<std::mutex> guard(dir_handles_lock);
     fi->fh = reinterpret_cast<std::uint64_t>(handle.release());
-    // The kernel keeps the listing until the directory's time changes.
+    // The kernel keeps the listing until the directory changes.
     fi->cache_readdir = 1;
     fi->keep_cache = 1;
     return 0;
   });
 }
 
-int OpReaddir(const char*, void* buffer, fuse_fill_dir_t fill, off_t, fuse_file_info* fi,
+int OpReaddir(const char*, void* buffer, fuse_fill_dir_t fill, off_t offset, fuse_file_info* fi,
               fuse_readdir_flags flags) {
   return Guard([&] {
     std::lock_guard<std::mutex> guard(dir_handles_lock);
     auto* handle = reinterpret_cast<DirHandle*>(fi->fh);
-    struct stat dir {};
-    dir.st_mode = S_IFDIR;
-    fill(buffer, ".", &dir, 0, static_cast<fuse_fill_dir_flags>(0));
-    fill(buffer, "..", &dir, 0, static_cast<fuse_fill_dir_flags>(0));
+    if (!handle->listed || offset == 0) {
+      int error = Fs()->ListDir(handle->path.c_str(), &handle->entries);
+      if (error != 0) return error;
+      handle->listed = true;
+    }
+    // Each entry carries its position + 1 as its offset: the bridge then
+    // hands entries and attributes straight to the kernel, which keeps them
+    // (no lookup per entry after a listing).
     auto plus =
         (flags & FUSE_READDIR_PLUS) != 0 ? FUSE_FILL_DIR_PLUS : static_cast<fuse_fill_dir_flags>(0);
-    for (const DirEntry& entry : handle->entries) {
-      if (fill(buffer, entry.name.c_str(), &entry.st, 0, plus) != 0) break;
+    struct stat dir {};
+    dir.st_mode = S_IFDIR;
+    const off_t total = static_cast<off_t>(handle->entries.size()) + 2;
+    for (off_t i = offset; i < total; ++i) {
+      if (i < 2) {
+        if (fill(buffer, i == 0 ? "." : "..", &dir, i + 1, static_cast<fuse_fill_dir_flags>(0)) !=
+            0) {
+          break;
+        }
+        continue;
+      }
+      const DirEntry& entry = handle->entries[static_cast<std::size_t>(i - 2)];
+      if (fill(buffer, entry.name.c_str(), &entry.st, i + 1, plus) != 0) break;
     }
     return 0;
   });

@@ -656,4 +656,31 @@ TEST_F(MountFsTest, SparseTruncateOfANewFileHoldsAHole) {
   ASSERT_EQ(mount_->Release(fh), 0);
 }
 
+TEST_F(MountFsTest, ListingsAreKeptUntilTheMountChangesSomething) {
+  plughost::MountSettings settings;
+  settings.dir_cache_time = 3600;
+  Remount(settings);
+  Spit(Root("a"), "a");
+  std::vector<plughost::DirEntry> entries;
+  ASSERT_EQ(mount_->ListDir("/", &entries), 0);
+  ASSERT_EQ(entries.size(), 1u);
+  Spit(Root("behind"), "changed behind the mount's back");
+  ASSERT_EQ(mount_->ListDir("/", &entries), 0);
+  EXPECT_EQ(entries.size(), 1u) << "kept for the directory cache time";
+  ASSERT_EQ(mount_->Mkdir("/d"), 0);
+  ASSERT_EQ(mount_->ListDir("/", &entries), 0);
+  EXPECT_EQ(entries.size(), 3u) << "a change through the mount drops kept listings";
+  std::uint64_t fh = 0;
+  ASSERT_EQ(mount_->Create("/new", O_WRONLY | O_CREAT, &fh), 0);
+  ASSERT_EQ(mount_->ListDir("/", &entries), 0);
+  EXPECT_EQ(entries.size(), 4u) << "a file being created shows at once";
+  ASSERT_EQ(mount_->Write(fh, "12345", 5, 0), 5);
+  ASSERT_EQ(mount_->Release(fh), 0);
+  ASSERT_EQ(mount_->ListDir("/", &entries), 0);
+  auto it = std::find_if(entries.begin(), entries.end(),
+                         [](const plughost::DirEntry& e) { return e.name == "new"; });
+  ASSERT_NE(it, entries.end());
+  EXPECT_EQ(it->st.st_size, 5);
+}
+
 }  // namespace
