@@ -147,13 +147,19 @@ class UnmountHelper {
       }
       signal(SIGINT, SIG_IGN);
       signal(SIGTERM, SIG_IGN);
-      char byte;
+      // 'u': the server ended on a signal and its mount is still there;
+      // 'k': the mount is already gone; nothing: the server died.
+      char byte = 0;
       ssize_t n;
       do {
         n = read(ends[0], &byte, 1);
       } while (n < 0 && errno == EINTR);
       std::optional<MountEntry> now = FindMount(mountpoint);
-      if (id < 0 || !now || now->id != id) {
+      // Mount IDs are reused at once, so a dead server's mount is only
+      // taken for its own when no other kind of file system sits there.
+      const bool ours = byte == 'u' || (n == 0 && id >= 0 && now && now->id == id &&
+                                        now->fs_type.compare(0, 4, "fuse") == 0);
+      if (!ours) {
         rmdir(cache_dir.c_str());
         _exit(0);
       }
@@ -173,11 +179,14 @@ class UnmountHelper {
   }
   UnmountHelper(const UnmountHelper&) = delete;
   UnmountHelper& operator=(const UnmountHelper&) = delete;
-  ~UnmountHelper() { Unmount(); }
+  ~UnmountHelper() { Unmount(true); }
 
-  // Detaches the mount and waits until it is gone.
-  void Unmount() {
+  // Detaches the mount (when `still_mounted`) and waits until it is gone.
+  void Unmount(bool still_mounted) {
     if (write_end_ < 0) return;
+    const char byte = still_mounted ? 'u' : 'k';
+    while (write(write_end_, &byte, 1) < 0 && errno == EINTR) {
+    }
     close(write_end_);
     write_end_ = -1;
     int status = 0;
@@ -272,6 +281,7 @@ int Serve(const MountOptions& options) {
   signal(SIGINT, SIG_DFL);
   signal(SIGTERM, SIG_DFL);
   int status = kMountExitOk;
+  bool still_mounted = true;
   if (fuse_set_signal_handlers(lowlevel) != 0) {
     status = kMountExitFailed;
   } else {
@@ -280,6 +290,9 @@ int Serve(const MountOptions& options) {
     loop.max_idle_threads = 16;
     // A signal ends the loop with the signal's number: a clean end as well.
     int result = fuse_loop_mt(kernel, &loop);
+    // 0: the kernel ended the session (an unmount); a signal's number: the
+    // mount is still there.
+    still_mounted = result != 0;
     if (result != 0 && result != SIGINT && result != SIGTERM && result != SIGHUP) {
       status = kMountExitFailed;
     }
@@ -298,7 +311,7 @@ int Serve(const MountOptions& options) {
     status = kMountExitFailed;
   }
   // The helper unmounts; libfuse only closes its descriptor then.
-  helper.Unmount();
+  helper.Unmount(still_mounted);
   fuse_unmount(kernel);
   fuse_destroy(kernel);
   return status;
