@@ -116,9 +116,7 @@ do_ls() { ls -l "$1/many" >/dev/null; }
 prepare_small() {
   [ -d "$root/small" ] && return
   mkdir "$root/small"
-  head -c 4096 /dev/urandom >"$work/4k"
-  local i
-  for i in $(seq -f 's%05g' "$files"); do cp "$work/4k" "$root/small/$i"; done
+  head -c $((4096 * files)) /dev/urandom | (cd "$root/small" && split -b 4096 -a 6 -d - s)
 }
 do_cat() { find "$1/small" -type f -print0 | xargs -0 cat >/dev/null; }
 
