@@ -57,6 +57,11 @@ int MountFs::GetAttr(const char* path, std::uint64_t fh, struct stat* st) {
     }
   }
   _FS_FILE_V2 file;
+  if (FreshRecord(relative, &file)) {
+    FillStat(file, settings_.owner, st);
+    if (node) OverlayStaged(*node, st);
+    return 0;
+  }
   if (int error = Info(relative, &file); error != 0) {
     if (!node || !node->staged.load()) return error;
     // Removed or renamed away on the storage while still open here: the
@@ -101,6 +106,26 @@ void MountFs::KeepListing(const std::string& relative, std::uint64_t generation,
   std::lock_guard<std::mutex> guard(listings_lock_);
   if (listings_.size() >= kListingsKept) listings_.clear();
   listings_[relative] = Listing{generation, MonotonicSeconds(), entries};
+}
+
+void MountFs::KeepRecord(const std::string& relative, const _FS_FILE_V2& record) {
+  std::lock_guard<std::mutex> guard(listings_lock_);
+  if (records_.size() >= kListingsKept) records_.clear();
+  records_[relative] = Record{generation_.load(), MonotonicSeconds(), record};
+}
+
+bool MountFs::FreshRecord(const std::string& relative, _FS_FILE_V2* record) {
+  // Only for the moment after the upload: later the storage is asked again.
+  constexpr double kFreshSeconds = 1.0;
+  std::lock_guard<std::mutex> guard(listings_lock_);
+  if (records_.empty()) return false;
+  auto it = records_.find(relative);
+  if (it == records_.end()) return false;
+  bool fresh = it->second.generation == generation_.load() &&
+               MonotonicSeconds() - it->second.made <= kFreshSeconds;
+  if (fresh) *record = it->second.file;
+  records_.erase(it);
+  return fresh;
 }
 
 int MountFs::ListDir(const char* path, std::vector<DirEntry>* entries) {

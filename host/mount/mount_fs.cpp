@@ -136,6 +136,8 @@ int MountFs::UploadLocked(OpenNode& node, bool durable) {
   if (node.has_pending_times.exchange(false)) {
     error = SetTimes(relative, node.pending_access.load(), node.pending_modify.load());
     if (error != 0) return error;
+  } else {
+    KeepRecord(relative, record);
   }
   return durable ? staging_.MakeDurable(relative) : 0;
 }

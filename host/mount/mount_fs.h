@@ -154,6 +154,16 @@ class MountFs {
     double loaded = 0;  // monotonic seconds
     std::vector<DirEntry> entries;
   };
+  // The record an upload returned: the kernel asks for the file's
+  // attributes right after its close, and they are known.
+  void KeepRecord(const std::string& relative, const _FS_FILE_V2& record);
+  bool FreshRecord(const std::string& relative, _FS_FILE_V2* record);
+  struct Record {
+    std::uint64_t generation = 0;
+    double made = 0;
+    _FS_FILE_V2 file;
+  };
+  std::unordered_map<std::string, Record> records_;  // guarded by listings_lock_
 
   Client& client_;
   std::string root_id_;

@@ -683,4 +683,17 @@ TEST_F(MountFsTest, ListingsAreKeptUntilTheMountChangesSomething) {
   EXPECT_EQ(it->st.st_size, 5);
 }
 
+TEST_F(MountFsTest, TheRecordOfAnUploadAnswersTheNextAttributeRequest) {
+  std::uint64_t fh = 0;
+  ASSERT_EQ(mount_->Create("/new", O_WRONLY | O_CREAT, &fh), 0);
+  ASSERT_EQ(mount_->Write(fh, "12345", 5, 0), 5);
+  ASSERT_EQ(mount_->Release(fh), 0);
+  // Removed behind the mount's back: only the kept record can answer.
+  fs::remove(Root("new"));
+  struct stat st {};
+  ASSERT_EQ(mount_->GetAttr("/new", 0, &st), 0) << "answered without asking the storage";
+  EXPECT_EQ(st.st_size, 5);
+  EXPECT_EQ(mount_->GetAttr("/new", 0, &st), -ENOENT) << "used once, then the storage is asked";
+}
+
 }  // namespace
