@@ -8,7 +8,7 @@
 #   ls -l of many files, warm and cold;
 #   cat of many 4 KiB files, warm and cold.
 # Each figure is the median of BENCH_RUNS runs that alternate between the
-# three places; ratios compare runs of this one invocation only. Not part of
+# three places, each on fresh mounts; ratios compare runs of this one invocation only. Not part of
 # the test suite (it needs minutes and ~3 GiB of disk). Needs root for the
 # cold figures (drop_caches); without it they are warm too, and say so.
 #
@@ -149,6 +149,8 @@ base_of() {
   esac
 }
 
+# passthrough_ll keeps a descriptor open per inode it has seen.
+ulimit -n "$(ulimit -Hn)" 2>/dev/null || true
 mount_places
 for spec in "${workloads[@]}"; do
   IFS=: read -r name prepare run mode _ <<<"$spec"
@@ -157,11 +159,11 @@ for spec in "${workloads[@]}"; do
       base=$(base_of "$where")
       tag=$name.$where.$i
       "$prepare"
+      # Fresh mounts for every run: passthrough_ll holds a descriptor per
+      # inode it has seen, and the figures must not depend on earlier runs.
+      remount
       case $mode in
-        cold)
-          remount
-          drop_caches
-          ;;
+        cold) drop_caches ;;
         warm) "$run" "$base" ;;  # the untimed run that warms the caches
         fresh)
           rm -rf "$root"/written.* "$root"/created.*
