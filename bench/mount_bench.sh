@@ -152,8 +152,8 @@ base_of() {
 # passthrough_ll keeps a descriptor open per inode it has seen.
 ulimit -n "$(ulimit -Hn)" 2>/dev/null || true
 mount_places
-for spec in "${workloads[@]}"; do
-  IFS=: read -r name prepare run mode _ <<<"$spec"
+for entry in "${workloads[@]}"; do
+  IFS=: read -r name prepare run mode _ <<<"$entry"
   for i in $(seq "$runs"); do
     for where in native plughost passthrough; do
       base=$(base_of "$where")
@@ -186,8 +186,8 @@ echo "plughost mount benchmark: median of ${runs}; ${size_mb} MiB, ${files} file
 echo
 echo "| workload | native s | plughost s | passthrough_ll s | plughost / native | passthrough_ll / native | plughost vs passthrough_ll |"
 echo "|---|---|---|---|---|---|---|"
-for spec in "${workloads[@]}"; do
-  IFS=: read -r name _ _ _ _ <<<"$spec"
+for entry in "${workloads[@]}"; do
+  IFS=: read -r name _ _ _ _ <<<"$entry"
   n=$(median <<<"${times[$name,native]}")
   m=$(median <<<"${times[$name,plughost]}")
   p=$(median <<<"${times[$name,passthrough]}")
