@@ -16,7 +16,7 @@ skip() {
   exit 77
 }
 [ -c /dev/fuse ] || skip "/dev/fuse does not exist"
-[ -r /dev/fuse ] && [ -w /dev/fuse ] || skip "/dev/fuse is not usable by $(id -un)"
+{ [ -r /dev/fuse ] && [ -w /dev/fuse ]; } || skip "/dev/fuse is not usable by $(id -un)"
 if [ "$(id -u)" != 0 ] && ! command -v fusermount3 >/dev/null; then
   skip "not root and no fusermount3"
 fi
@@ -92,9 +92,9 @@ session() {
 
   # mv within a directory and across directories
   mv "$mnt/a/log" "$mnt/a/log2"
-  [ -f "$root/a/log2" ] && [ ! -e "$root/a/log" ] || fail "mv within a directory"
+  { [ -f "$root/a/log2" ] && [ ! -e "$root/a/log" ]; } || fail "mv within a directory"
   mv "$mnt/a/log2" "$mnt/d/log3"
-  [ -f "$root/d/log3" ] && [ ! -e "$root/a/log2" ] || fail "mv across directories"
+  { [ -f "$root/d/log3" ] && [ ! -e "$root/a/log2" ]; } || fail "mv across directories"
   mv "$mnt/a/b/c" "$mnt/d/c2"
   [ -d "$root/d/c2" ] || fail "mv of a directory"
 
@@ -121,6 +121,7 @@ session() {
   # ls -l through the mount matches the root seen directly (modes, owner,
   # size, time and name; the link count of directories is not kept)
   sleep 1.1
+  # shellcheck disable=SC2012 # the long listing itself is what is compared
   listing() { ls -l --time-style=+%s "$1" | awk 'NR > 1 { print $1, $3, $4, $5, $6, $7 }'; }
   diff <(listing "$mnt/a") <(listing "$root/a") || fail "ls -l differs"
   diff <(listing "$mnt/a/b") <(listing "$root/a/b") || fail "ls -l differs (a/b)"
@@ -130,7 +131,7 @@ session() {
   read -r size_mnt avail_mnt < <(df -B1 --output=size,avail "$mnt" | tail -1)
   read -r size_root avail_root < <(df -B1 --output=size,avail "$root" | tail -1)
   [ "$size_mnt" -gt 0 ] || fail "df: no size"
-  [ $((size_root - size_mnt)) -ge 0 ] && [ $((size_root - size_mnt)) -lt 4096 ] ||
+  { [ $((size_root - size_mnt)) -ge 0 ] && [ $((size_root - size_mnt)) -lt 4096 ]; } ||
     fail "df size: mount $size_mnt, root $size_root"
   local drift=$((avail_root - avail_mnt))
   drift=${drift#-}
@@ -173,7 +174,7 @@ busy() {
   mounted "$mnt" || fail "the first mount went away"
   # a file open on the mount keeps it busy for unmount as well
   exec 3<"$mnt"/.
-  "$tool" unmount "$mnt" 2>/dev/null && fail "unmount with a busy mount succeeded" || true
+  if "$tool" unmount "$mnt" 2>/dev/null; then fail "unmount with a busy mount succeeded"; fi
   exec 3<&-
   "$tool" unmount "$mnt"
   ! mounted "$mnt" || fail "still mounted"
