@@ -1,12 +1,20 @@
 #!/usr/bin/env bash
-# Benchmark of plughost mount: sequential write and read of a large file and
-# stat of many files, through the mount vs directly on the root directory vs
-# libfuse's passthrough example (built here from the libfuse3-dev examples).
-# Each figure is the best of several runs; ratios compare runs of this one
-# invocation only. Not part of the test suite (it needs minutes and ~3 GiB).
+# Benchmark of plughost mount against the same directory used directly
+# (native) and through libfuse's passthrough_ll example, built here from the
+# libfuse3-dev examples, as the in-run peer. Workloads:
+#   read of a large file, warm (page cache kept) and cold (caches dropped);
+#   write of a large file, without and with fsync;
+#   create of many empty files;
+#   ls -l of many files, warm and cold;
+#   cat of many 4 KiB files, warm and cold.
+# Each figure is the median of BENCH_RUNS runs that alternate between the
+# three places, each on fresh mounts; ratios compare runs of this one invocation only. Not part of
+# the test suite (it needs minutes and ~3 GiB of disk). Needs root for the
+# cold figures (drop_caches); without it they are warm too, and say so.
 #
 #   bench/mount_bench.sh [PLUGHOST [PLUGIN]]
-# Environment: BENCH_SIZE_MB (default 1024), BENCH_FILES (10000), BENCH_RUNS (3).
+# Environment: BENCH_SIZE_MB (1024), BENCH_FILES (10000), BENCH_RUNS (3),
+#   BENCH_MOUNT_OPTIONS (extra options for plughost mount).
 set -euo pipefail
 export LC_ALL=C
 
@@ -16,12 +24,17 @@ plugin=${2:-$(dirname "$plughost")/liblocaldisk.so}
 size_mb=${BENCH_SIZE_MB:-1024}
 files=${BENCH_FILES:-10000}
 runs=${BENCH_RUNS:-3}
+read -r -a mount_options <<<"${BENCH_MOUNT_OPTIONS:-}"
 examples=/usr/share/doc/libfuse3-dev/examples
 
-[ -x "$plughost" ] || { echo "no plughost at $plughost (build it, or pass its path)" >&2; exit 2; }
-[ -f "$plugin" ] || { echo "no plug-in at $plugin" >&2; exit 2; }
-[ -c /dev/fuse ] || { echo "/dev/fuse is missing" >&2; exit 2; }
-[ -f "$examples/passthrough.c" ] || { echo "$examples/passthrough.c is missing (libfuse3-dev)" >&2; exit 2; }
+die() {
+  echo "mount_bench: $*" >&2
+  exit 2
+}
+[ -x "$plughost" ] || die "no plughost at $plughost (build it, or pass its path)"
+[ -f "$plugin" ] || die "no plug-in at $plugin"
+[ -c /dev/fuse ] || die "/dev/fuse is missing"
+[ -f "$examples/passthrough_ll.c" ] || die "$examples/passthrough_ll.c is missing (libfuse3-dev)"
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/mount_bench.XXXXXX")
 root=$work/root
@@ -31,7 +44,13 @@ mkdir -p "$root" "$mnt" "$pt" "$work/cache"
 
 mounted() { awk -v m="$1" '$5 == m { found = 1 } END { exit !found }' /proc/self/mountinfo; }
 unmount() {
-  if mounted "$1"; then fusermount3 -u "$1" 2>/dev/null || umount -l "$1" 2>/dev/null || true; fi
+  local i
+  if mounted "$1"; then fusermount3 -u "$1" 2>/dev/null || umount "$1" 2>/dev/null || true; fi
+  for i in $(seq 50); do
+    mounted "$1" || return 0
+    sleep 0.1
+  done
+  umount -l "$1" 2>/dev/null || true
 }
 cleanup() {
   unmount "$mnt"
@@ -40,141 +59,140 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# --- helpers built here ----------------------------------------------------------
-cp "$examples/passthrough.c" "$examples/passthrough_helpers.h" "$work/"
-cc -O2 -Wall -o "$work/passthrough" "$work/passthrough.c" $(pkg-config --cflags --libs fuse3)
-cat >"$work/tools.c" <<'C'
-#define _GNU_SOURCE
-#include <fcntl.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
-#include <time.h>
-#include <unistd.h>
+# --- the peer, built here ------------------------------------------------------------
+# shellcheck disable=SC2046 # pkg-config prints several words on purpose
+cc -O2 -Wall -o "$work/passthrough_ll" "$examples/passthrough_ll.c" $(pkg-config --cflags --libs fuse3)
 
-static double now(void) {
-  struct timespec t;
-  clock_gettime(CLOCK_MONOTONIC, &t);
-  return t.tv_sec + t.tv_nsec / 1e9;
-}
-
-/* tools write FILE MB | read FILE | stat DIR N: prints elapsed seconds. */
-int main(int argc, char** argv) {
-  static char buffer[1 << 20];
-  double start = now();
-  if (argc == 4 && strcmp(argv[1], "write") == 0) {
-    memset(buffer, 0x5a, sizeof buffer);
-    int fd = open(argv[2], O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd < 0) return perror(argv[2]), 1;
-    for (long i = 0; i < atol(argv[3]); ++i) {
-      buffer[0] = (char)i;
-      if (write(fd, buffer, sizeof buffer) != (ssize_t)sizeof buffer) return perror("write"), 1;
-    }
-    if (close(fd) != 0) return perror("close"), 1;
-  } else if (argc == 3 && strcmp(argv[1], "read") == 0) {
-    int fd = open(argv[2], O_RDONLY);
-    if (fd < 0) return perror(argv[2]), 1;
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0) {
-    }
-    if (n < 0) return perror("read"), 1;
-    close(fd);
-  } else if (argc == 4 && strcmp(argv[1], "stat") == 0) {
-    char path[4096];
-    struct stat st;
-    for (long i = 0; i < atol(argv[3]); ++i) {
-      snprintf(path, sizeof path, "%s/f%05ld", argv[2], i);
-      if (stat(path, &st) != 0) return perror(path), 1;
-    }
-  } else {
-    return fprintf(stderr, "usage\n"), 2;
-  }
-  printf("%.6f\n", now() - start);
-  return 0;
-}
-C
-cc -O2 -Wall -o "$work/tools" "$work/tools.c"
-
-drop_caches() {
-  sync
-  echo 3 >/proc/sys/vm/drop_caches 2>/dev/null || true
-}
 cold=yes
 { sync && echo 3 >/proc/sys/vm/drop_caches; } 2>/dev/null || cold=no
-
-mount_plughost() {
-  "$plughost" --plugin "$plugin" --root "$root" mount "$mnt" --cache-dir "$work/cache"
-}
-mount_passthrough() {
-  "$work/passthrough" -o default_permissions "$pt"
+drop_caches() {
+  sync
+  if [ "$cold" = yes ]; then echo 3 >/proc/sys/vm/drop_caches; fi
 }
 
-# One figure on one path prefix; the mounts are fresh for every run so that
-# no kernel cache of an earlier run helps.
-run_write() { # BASE
-  drop_caches
-  "$work/tools" write "$1/big" "$size_mb"
+mount_places() {
+  "$plughost" --plugin "$plugin" --root "$root" mount "$mnt" --cache-dir "$work/cache" \
+    "${mount_options[@]}"
+  # The example's own defaults: 86400 s timeouts, kernel cache kept.
+  "$work/passthrough_ll" -o source="$root" "$pt"
+  if ! mounted "$mnt" || ! mounted "$pt"; then die "a mount failed"; fi
 }
-run_read() { # BASE
-  drop_caches
-  "$work/tools" read "$1/big"
-}
-run_stat() { # BASE
-  drop_caches
-  "$work/tools" stat "$1/many" "$files"
-}
-
 remount() {
   unmount "$mnt"
   unmount "$pt"
-  mount_plughost
-  mount_passthrough
+  mount_places
 }
 
-mkdir -p "$root/many"
-for i in $(seq 0 $((files - 1))); do printf '' >"$root/many/$(printf 'f%05d' "$i")"; done
+now() { date +%s.%N; }
+# Seconds a command takes.
+timed() {
+  local start end
+  start=$(now)
+  "$@" >/dev/null
+  end=$(now)
+  awk -v a="$start" -v b="$end" 'BEGIN { printf "%.6f\n", b - a }'
+}
 
-declare -A result
-# Runs alternate between the three places, so that a change of the machine's
-# load during the benchmark affects all of them alike.
-for figure in write read stat; do
+# --- workloads: each gets the base directory; "prepare" runs untimed first ------------
+big_mb=$size_mb
+prepare_read() { [ -f "$root/big" ] || head -c $((big_mb << 20)) /dev/urandom >"$root/big"; }
+do_read() { cat "$1/big" >/dev/null; }
+# Written and created entries get a name of their own in every run: removed
+# behind the mounts' backs, an old name could still be in a kernel cache.
+do_write() { dd if=/dev/zero of="$1/written.$tag" bs=1M count="$big_mb" status=none; }
+do_write_fsync() {
+  dd if=/dev/zero of="$1/written.$tag" bs=1M count="$big_mb" conv=fsync status=none
+}
+do_create() {
+  mkdir "$1/created.$tag"
+  (cd "$1/created.$tag" && seq -f 'c%05g' "$files" | xargs touch)
+}
+prepare_many() {
+  [ -d "$root/many" ] && return
+  mkdir "$root/many"
+  (cd "$root/many" && seq -f 'f%05g' "$files" | xargs touch)
+}
+do_ls() { ls -l "$1/many" >/dev/null; }
+prepare_small() {
+  [ -d "$root/small" ] && return
+  mkdir "$root/small"
+  head -c $((4096 * files)) /dev/urandom | (cd "$root/small" && split -b 4096 -a 6 -d - s)
+}
+do_cat() { find "$1/small" -type f -print0 | xargs -0 cat >/dev/null; }
+
+# workload: prepare-function do-function mode(warm|cold|fresh) unit(MB|files)
+workloads=(
+  "read_warm:prepare_read:do_read:warm:MB"
+  "read_cold:prepare_read:do_read:cold:MB"
+  "write:true:do_write:fresh:MB"
+  "write_fsync:true:do_write_fsync:fresh:MB"
+  "create:true:do_create:fresh:files"
+  "ls_warm:prepare_many:do_ls:warm:files"
+  "ls_cold:prepare_many:do_ls:cold:files"
+  "cat_warm:prepare_small:do_cat:warm:files"
+  "cat_cold:prepare_small:do_cat:cold:files"
+)
+declare -A label=(
+  [read_warm]="${size_mb} MiB read, warm" [read_cold]="${size_mb} MiB read, cold"
+  [write]="${size_mb} MiB write, no fsync" [write_fsync]="${size_mb} MiB write + fsync"
+  [create]="create ${files} empty files" [ls_warm]="ls -l of ${files} files, warm"
+  [ls_cold]="ls -l of ${files} files, cold" [cat_warm]="cat ${files} x 4 KiB, warm"
+  [cat_cold]="cat ${files} x 4 KiB, cold"
+)
+
+declare -A times
+base_of() {
+  case $1 in
+    native) echo "$root" ;;
+    plughost) echo "$mnt" ;;
+    passthrough) echo "$pt" ;;
+  esac
+}
+
+# passthrough_ll keeps a descriptor open per inode it has seen.
+ulimit -n "$(ulimit -Hn)" 2>/dev/null || true
+mount_places
+for entry in "${workloads[@]}"; do
+  IFS=: read -r name prepare run mode _ <<<"$entry"
   for i in $(seq "$runs"); do
-    for where in direct plughost passthrough; do
-      case $where in
-        direct) base=$root ;;
-        plughost) base=$mnt ;;
-        passthrough) base=$pt$root ;;
-      esac
+    for where in native plughost passthrough; do
+      base=$(base_of "$where")
+      tag=$name.$where.$i
+      "$prepare"
+      # Fresh mounts for every run: passthrough_ll holds a descriptor per
+      # inode it has seen, and the figures must not depend on earlier runs.
       remount
-      t=$("run_$figure" "$base")
-      best=${result[$figure,$where]:-}
-      if [ -z "$best" ] || awk -v a="$t" -v b="$best" 'BEGIN { exit !(a < b) }'; then
-        result[$figure,$where]=$t
-      fi
+      case $mode in
+        cold) drop_caches ;;
+        warm) "$run" "$base" ;;  # the untimed run that warms the caches
+        fresh)
+          rm -rf "$root"/written.* "$root"/created.*
+          sync
+          ;;
+      esac
+      t=$(timed "$run" "$base")
+      times[$name,$where]="${times[$name,$where]:-} $t"
     done
   done
 done
-unmount "$mnt"
-unmount "$pt"
 
-rate() { awk -v mb="$size_mb" -v t="$1" 'BEGIN { printf "%.0f MB/s", mb * 1.048576 / t }'; }
-per() { awk -v n="$files" -v t="$1" 'BEGIN { printf "%.1f us/stat", t * 1e6 / n }'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", a / b }'; }
+median() { tr ' ' '\n' | grep -v '^$' | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+# Throughput as a fraction of native: native time / time (higher is better).
+fraction() { awk -v n="$1" -v t="$2" 'BEGIN { printf "%.2f", n / t }'; }
 
 echo
-echo "plughost mount benchmark: ${size_mb} MiB file, ${files} files, best of ${runs}, page cache dropped before each run: ${cold}"
+echo "plughost mount benchmark: median of ${runs}; ${size_mb} MiB, ${files} files;" \
+  "cold = caches dropped and fresh mounts: ${cold}; mount options: ${mount_options[*]:-(none)}"
 echo
-echo "| figure | direct | plughost mount | passthrough example | mount vs passthrough (>1 = faster) | mount vs direct |"
-echo "|---|---|---|---|---|---|"
-for figure in write read stat; do
-  d=${result[$figure,direct]} m=${result[$figure,plughost]} p=${result[$figure,passthrough]}
-  if [ "$figure" = stat ]; then
-    fmt=per
-    label="stat of $files files"
-  else
-    fmt=rate
-    label="sequential $figure of ${size_mb} MiB"
-  fi
-  echo "| $label | $($fmt "$d") | $($fmt "$m") | $($fmt "$p") | $(ratio "$p" "$m") | $(ratio "$d" "$m") |"
+echo "| workload | native s | plughost s | passthrough_ll s | plughost / native | passthrough_ll / native | plughost vs passthrough_ll |"
+echo "|---|---|---|---|---|---|---|"
+for entry in "${workloads[@]}"; do
+  IFS=: read -r name _ _ _ _ <<<"$entry"
+  n=$(median <<<"${times[$name,native]}")
+  m=$(median <<<"${times[$name,plughost]}")
+  p=$(median <<<"${times[$name,passthrough]}")
+  printf '| %s | %.3f | %.3f | %.3f | %s | %s | %s |\n' "${label[$name]}" "$n" "$m" "$p" \
+    "$(fraction "$n" "$m")" "$(fraction "$n" "$p")" "$(fraction "$p" "$m")"
 done
+echo
+echo "(fractions of native: higher is better; the last column > 1 means plughost is faster)"

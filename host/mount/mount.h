@@ -3,11 +3,15 @@
 //
 //   plughost [--plugin PATH] [--root DIR] [-o KEY=VALUE...] mount MOUNTPOINT
 //            [--foreground] [--cache-dir DIR] [--allow-other] [--debug]
+//            [--uid N] [--gid N] [--umask M] [--file-mode M] [--dir-mode M]
+//            [--strict-modes] [--sync-on-close] [--attr-timeout S]
+//            [--dir-cache-time S]
 //   plughost unmount MOUNTPOINT
 //
 // The mount runs in the background unless --foreground is given, and ends
-// cleanly on SIGINT, SIGTERM or `plughost unmount`. The file system itself
-// is host/mount_fs.h; this is the kernel glue and the command line.
+// cleanly on SIGINT, SIGTERM or `plughost unmount`, uploading every file
+// still open with changes first. Pieces: mount_lifecycle.h (mount, signals,
+// unmount), mount_ops.h (kernel glue), mount_fs.h (the file system).
 #pragma once
 
 #include <functional>
@@ -30,6 +34,24 @@ struct MountOptions {
   bool allow_other = false;  // let other users in (the kernel still checks modes)
   bool debug = false;        // libfuse's request trace on stderr; implies foreground
   bool verbose = false;      // bind a logger: the plug-in's log on stderr
+  // Owner and modes shown for every entry; -1 / empty: the defaults (the
+  // mounting user, files 0600, directories 0700).
+  long long uid = -1;
+  long long gid = -1;
+  std::string umask;           // octal; files 0666 & ~umask, directories 0777 & ~umask
+  std::string file_mode;       // octal; wins over --umask for files
+  std::string dir_mode;        // octal; wins over --umask for directories
+  bool strict_modes = false;   // refuse chmod/chown instead of accepting them
+  bool sync_on_close = false;  // make every upload at close durable
+  // Seconds the kernel trusts attributes and names, and the mount its
+  // listings. Changes made through the mount are seen at once; changes made
+  // to the storage behind its back may take this long to show.
+  double attr_timeout = 10.0;
+  double dir_cache_time = 60.0;
+  // The kernel gathers writes in its page cache (faster small writes). Off by
+  // default: pages not yet handed over at a SIGTERM would be lost, and a
+  // file shortened behind the mount's back reads as zeros instead of ending.
+  bool writeback_cache = false;
 };
 
 // Exit statuses of the two commands.

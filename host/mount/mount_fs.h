@@ -1,15 +1,20 @@
-// The file system that a mount presents, on top of one protocol object.
+// The file system that a mount presents, on top of core's Client.
 //
 // Every operation takes mount paths ("/", "/dir/file") or an open-file handle
 // and returns 0 (or a byte count) on success and a negative errno on failure,
 // exactly what the kernel bridge hands back; nothing here knows the kernel
 // interface, so the whole behaviour can be exercised without /dev/fuse.
 //
-// The protocol has no partial writes: a file opened for writing is staged in
-// an unlinked local cache file (filled with Read unless truncated), writes go
-// there, and a flush, fsync or the last release of a dirty file uploads the
-// whole file with Upload. Upload errors are returned by Flush/Fsync, which is
-// where close() and fsync() of the application see them.
+// The protocol has no partial writes: a file opened for writing is staged
+// (staging.h), writes go there, and a flush, fsync or the last release of a
+// dirty file uploads the whole file through an atomic replace. Upload errors
+// are returned by Flush/Fsync, which is where close() and fsync() of the
+// application see them. A created file exists only in the open-file table
+// (a pending entry, listed and found like any other) until that upload.
+//
+// The implementation is split by concern: mount_fs.cpp (open files and
+// data), mount_namespace.cpp (create, remove, rename), mount_attributes.cpp
+// (attributes, listings, times, modes).
 //
 // Thread-safe: the kernel bridge calls from many threads at once.
 #pragma once
@@ -24,11 +29,13 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
-#include <utility>
 #include <vector>
 
-#include "protocol/contract.h"
+#include "host/core/client.h"
+#include "host/mount/cache_stamps.h"
+#include "host/mount/mount_support.h"
+#include "host/mount/open_files.h"
+#include "host/mount/staging.h"
 
 namespace plughost {
 
@@ -37,12 +44,31 @@ struct DirEntry {
   struct stat st {};
 };
 
+struct MountSettings {
+  Ownership owner;
+  // Refuse chmod and chown that cannot be stored instead of accepting them.
+  bool strict_modes = false;
+  // Make every upload at close durable, not only those of fsync.
+  bool sync_on_close = false;
+  // The root directory when the plug-in serves a local one ("root_path").
+  std::string local_root;
+  // Seconds a listing is answered from memory; every change made through
+  // the mount drops the kept listings. 0: always ask the plug-in.
+  double dir_cache_time = 0;
+};
+
+// What the uploads at shutdown left behind.
+struct ShutdownReport {
+  int uploaded = 0;
+  // "/relative" -> where its content was kept (empty: it could not be kept).
+  std::vector<std::pair<std::string, std::string>> failed;
+};
+
 class MountFs {
  public:
-  // `protocol` is not owned and must outlive this object; `root_id` is the
-  // protocol path of the storage root (GetRootID); staging files go into the
-  // existing directory `cache_dir`; entries are owned by uid/gid.
-  MountFs(IProtocol_V2* protocol, std::string root_id, std::string cache_dir, uid_t uid, gid_t gid);
+  // `client` must outlive this object; `root_id` is the protocol path of the
+  // storage root; staging files go into the existing directory `cache_dir`.
+  MountFs(Client& client, std::string root_id, std::string cache_dir, MountSettings settings);
   ~MountFs();
   MountFs(const MountFs&) = delete;
   MountFs& operator=(const MountFs&) = delete;
@@ -56,8 +82,7 @@ class MountFs {
   // Opens an existing file. `keep_cache` tells whether the kernel may keep
   // the pages it cached at an earlier open (the file has not changed since).
   int Open(const char* path, int flags, std::uint64_t* fh, bool* keep_cache);
-  // Creates an empty file (it exists on the storage once this returns) and
-  // opens it for writing.
+  // Creates an empty file, visible at once, uploaded at its first flush.
   int Create(const char* path, int flags, std::uint64_t* fh);
   // Bytes read (short at the end of the file) or a negative errno.
   long long Read(std::uint64_t fh, char* buffer, std::size_t size, off_t offset);
@@ -65,6 +90,7 @@ class MountFs {
   // Changes the size of `path` or of the open file `fh`.
   int Truncate(const char* path, std::uint64_t fh, off_t size);
   int Flush(std::uint64_t fh);
+  // Uploads what is dirty and makes the file durable where the host can.
   int Fsync(std::uint64_t fh);
   // Uploads what is still dirty and closes the handle; the result only tells
   // whether that final upload worked (the kernel ignores it).
@@ -78,84 +104,76 @@ class MountFs {
   // times[0] access, times[1] modification; UTIME_NOW and UTIME_OMIT allowed.
   int Utimens(const char* path, std::uint64_t fh, const struct timespec times[2]);
   int Statfs(struct statvfs* st);
-  // Modes and owners are fixed: a request that changes nothing succeeds,
-  // anything else is refused (ENOTSUP for modes, EPERM for owners).
+  // Modes and owners cannot be stored: accepted without effect, or with
+  // strict modes refused unless they change nothing (ENOTSUP for modes,
+  // EPERM for owners).
   int Chmod(const char* path, std::uint64_t fh, mode_t mode);
   int Chown(const char* path, std::uint64_t fh, uid_t uid, gid_t gid);
+
+  // Uploads every dirty open file (the end of the mount); what failed is
+  // kept in the cache directory.
+  ShutdownReport Shutdown();
 
   // Number of files currently open (for tests and diagnostics).
   std::size_t OpenNodes() const;
 
  private:
-  // The state of one open file, shared by all handles open on it.
-  struct Node {
-    ~Node();
-    std::mutex lock;  // serialises staging, writes and uploads
-    // Guarded by MountFs::registry_lock_.
-    std::string relative;
-    bool unlinked = false;
-    int opens = 0;
-    // Guarded by `lock`; the atomics are also read without it.
-    int fd = -1;  // staging file, -1 while not staged
-    std::atomic<bool> staged{false};
-    std::atomic<bool> dirty{false};
-    std::atomic<long long> size{0};
-    std::atomic<time_t> written{0};  // time of the last local change
-    // Times set while dirty, applied after the upload.
-    std::atomic<bool> has_pending_times{false};
-    std::atomic<time_t> pending_access{0};
-    std::atomic<time_t> pending_modify{0};
-  };
-  struct Handle {
-    std::shared_ptr<Node> node;
-    bool writable = false;
-  };
-  struct CacheStamp {
-    std::string modify_time;
-    long long size = 0;
-  };
-
   std::string Protocol(const std::string& relative) const;
-  AERROR Info(const std::string& relative, _FS_FILE_V2* file);
-  std::shared_ptr<Node> Acquire(const std::string& relative);
-  void Drop(const std::shared_ptr<Node>& node);
-  std::shared_ptr<Node> Find(const std::string& relative) const;
-  // The entry at `relative` is gone from the storage: its open node must never
-  // be uploaded again. registry_lock_ held.
-  void ForgetNodeLocked(const std::string& relative);
-  std::string RelativeOfNode(const Node& node) const;
-  // Handles are looked up under a lock: the kernel hands one from the thread
-  // that opened it to others, an ordering the thread checkers cannot see.
-  std::uint64_t Register(std::unique_ptr<Handle> handle);
-  std::shared_ptr<Node> NodeOf(std::uint64_t fh) const;
+  // The record of `relative`; 0 or a negative errno.
+  int Info(const std::string& relative, _FS_FILE_V2* file);
+  // The relative path of a kernel path; -ENAMETOOLONG for an overlong name.
+  static int RelativeOf(const char* path, std::string* relative);
+  // 0 when `relative` stays beneath a local root (no link leads out), else
+  // -EACCES. For what the kernel's confinement does not cover: time changes,
+  // and creates, which reach the storage only at the first flush.
+  int Beneath(const std::string& relative) const;
+  // Attributes of a file that exists only in the table.
+  void PendingStat(const OpenNode& node, struct stat* st) const;
+  void OverlayStaged(const OpenNode& node, struct stat* st) const;
 
-  // With node->lock held.
-  int Stage(Node& node, long long keep);
-  // Stages `node` empty and marks it changed (truncate, create); node.lock held.
-  int StageEmpty(Node& node);
-  int UploadLocked(Node& node);
+  // With node.lock held.
+  int Stage(OpenNode& node, long long keep);
+  int StageEmpty(OpenNode& node);
+  int UploadLocked(OpenNode& node, bool durable);
   int SetTimes(const std::string& relative, time_t access, time_t modify);
-  void OverlayStaged(const Node& node, struct stat* st) const;
-  bool KeepCache(const std::string& relative, const _FS_FILE_V2& file);
-  void ForgetCache(const std::string& relative);
-  int MakeStagingFile();
-  void FreeMessage(char* message);
+  // The last close of a node: upload, then remove an aside entry.
+  int Close(const std::shared_ptr<OpenNode>& node);
+  // Moves an open, unstaged entry aside so that it stays readable after
+  // `relative` is removed or replaced. 0 or a negative errno.
+  int HideOpen(const std::string& relative);
 
-  IProtocol_V2* protocol_;
+  // Listings kept for dir_cache_time (without the open files' overlay).
+  bool CachedListing(const std::string& relative, std::vector<DirEntry>* entries);
+  void KeepListing(const std::string& relative, std::uint64_t generation,
+                   const std::vector<DirEntry>& entries);
+  // Something changed through the mount: no kept listing is valid any more.
+  void Changed() { generation_.fetch_add(1); }
+
+  struct Listing {
+    std::uint64_t generation = 0;
+    double loaded = 0;  // monotonic seconds
+    std::vector<DirEntry> entries;
+  };
+  // The record an upload returned: the kernel asks for the file's
+  // attributes right after its close, and they are known.
+  void KeepRecord(const std::string& relative, const _FS_FILE_V2& record);
+  bool FreshRecord(const std::string& relative, _FS_FILE_V2* record);
+  struct Record {
+    std::uint64_t generation = 0;
+    double made = 0;
+    _FS_FILE_V2 file;
+  };
+  std::unordered_map<std::string, Record> records_;  // guarded by listings_lock_
+
+  Client& client_;
   std::string root_id_;
-  std::string cache_dir_;
-  uid_t uid_;
-  gid_t gid_;
-
-  mutable std::mutex registry_lock_;
-  std::unordered_map<std::string, std::shared_ptr<Node>> nodes_;
-  std::atomic<std::size_t> open_nodes_{0};  // nodes_.size(), read without the lock
-
-  mutable std::mutex handles_lock_;
-  std::unordered_set<Handle*> handles_;
-
-  std::mutex stamps_lock_;
-  std::unordered_map<std::string, CacheStamp> stamps_;
+  std::mutex listings_lock_;
+  std::unordered_map<std::string, Listing> listings_;
+  std::atomic<std::uint64_t> generation_{0};
+  MountSettings settings_;
+  Staging staging_;
+  OpenFiles open_;
+  CacheStamps stamps_;
 };
 
 }  // namespace plughost

@@ -1,11 +1,10 @@
-// Small pieces of the file-system bridge that need no kernel: error and time
-// conversions between the protocol and POSIX, path mapping, and reading the
-// mount table. Kept apart so that they can be tested without /dev/fuse.
+// Small pieces of the file-system bridge that need no kernel: errors and
+// attributes between the protocol and POSIX, and reading the mount table. Kept apart so that they
+// can be tested without /dev/fuse.
 #pragma once
 
 #include <sys/stat.h>
 
-#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,32 +18,28 @@ namespace plughost {
 // anything else -EIO).
 int ErrnoOf(AERROR code);
 
-// A file time of a record as an instant. The plug-in writes local wall-clock
-// fields and RFC3339ToTM reads them back as local *standard* time, which is
-// the real instant except during summer time; there the reading is shifted
-// back so that the fields of the result are the fields of the text.
-time_t InstantOfFileTime(const std::string& text);
+// Who owns the entries of a mount and which permission bits they show. The
+// protocol stores neither, so they are the mount's choice: by default the
+// mounting user, files 0600 and directories 0700.
+struct Ownership {
+  uid_t uid = 0;
+  gid_t gid = 0;
+  mode_t file_mode = 0600;
+  mode_t dir_mode = 0700;
+};
 
-// The text to hand to SetFileTime so that the plug-in (which reads it with
-// RFC3339ToTM) sets exactly `t`.
-std::string FileTimeOf(time_t t);
+// The block size the mount reports: copy tools size their buffers and the
+// growth of sparse files by it, so it is the page size, not a transfer size.
+inline constexpr long kReportedBlockSize = 4096;
 
-// The protocol path of a mount path ("/", "/a/b"): the root's identifier for
-// "/", otherwise the identifier joined with the relative path.
-std::string ProtocolPathOf(const std::string& root_id, std::string_view mount_path);
-
-// "a/b" for "/a/b"; "" for "/".
-std::string RelativeOf(std::string_view mount_path);
-
-// Splits a relative path into its parent ("" for the root) and last name.
-void SplitRelative(const std::string& relative, std::string* parent, std::string* name);
-
-// Fills a stat record from a protocol record: directories 0755, everything
-// else a regular file 0644, owned by uid/gid, times from the record's texts.
-void FillStat(const _FS_FILE_V2& file, uid_t uid, gid_t gid, struct stat* st);
+// Fills a stat record from a protocol record: a directory or (anything else)
+// a regular file with the modes and owners of `owner`, times from the
+// record's wall-clock texts.
+void FillStat(const _FS_FILE_V2& file, const Ownership& owner, struct stat* st);
 
 // What is mounted at an absolute path, from /proc/self/mountinfo.
 struct MountEntry {
+  long id = -1;  // the mount's ID, unique while it is mounted
   std::string mount_point;
   std::string fs_type;  // "fuse.localdisk", "ext4", ...
   std::string source;

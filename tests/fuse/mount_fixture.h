@@ -1,0 +1,119 @@
+// A real mount of a fresh temporary root for tests that go through the
+// kernel; skipped when /dev/fuse cannot be used here.
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/mount/mount_support.h"
+
+extern char** environ;
+
+namespace plughost_test {
+
+namespace fs = std::filesystem;
+
+inline bool FuseUsable(std::string* reason) {
+  if (access("/dev/fuse", F_OK) != 0) {
+    *reason = "/dev/fuse does not exist";
+    return false;
+  }
+  if (access("/dev/fuse", R_OK | W_OK) != 0) {
+    *reason = "/dev/fuse is not usable by this user";
+    return false;
+  }
+  return true;
+}
+
+inline std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+inline void Spit(const std::string& path, const std::string& data) {
+  std::ofstream out(path, std::ios::binary);
+  out << data;
+}
+
+class MountTest : public ::testing::Test {
+ protected:
+  void SetUp() override { Mount({}); }
+
+  // Mounts a fresh root with the mount options `extra`; the mount process
+  // runs in the foreground, as a child of the test.
+  void Mount(const std::vector<std::string>& extra) {
+    std::string reason;
+    if (!FuseUsable(&reason)) GTEST_SKIP() << "FUSE unavailable: " << reason;
+    const char* tmp = std::getenv("TMPDIR");
+    std::string pattern =
+        std::string(tmp != nullptr && *tmp ? tmp : "/tmp") + "/mount_errno.XXXXXX";
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    work_ = pattern;
+    root_ = work_ + "/root";
+    mnt_ = work_ + "/mnt";
+    std::string cache = work_ + "/cache";
+    for (const std::string& dir : {root_, mnt_, cache})
+      fs::create_directory(dir);
+
+    std::vector<std::string> words = {MOUNT_FRONT_END, "--plugin", LD_PLUGIN_PATH, "--root",
+                                      root_,           "mount",    mnt_,           "--foreground",
+                                      "--cache-dir",   cache};
+    words.insert(words.end(), extra.begin(), extra.end());
+    std::vector<char*> argv;
+    for (std::string& word : words)
+      argv.push_back(word.data());
+    argv.push_back(nullptr);
+    ASSERT_EQ(posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ), 0);
+    for (int i = 0; i < 200 && !Mounted(); ++i) {
+      int status = 0;
+      if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        FAIL() << "the mount process ended early";
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ASSERT_TRUE(Mounted()) << "not mounted in time";
+  }
+
+  void TearDown() override { Unmount(); }
+
+  // Ends the mount process (SIGTERM, as `kill` does) and removes the root.
+  void Unmount() {
+    if (pid_ > 0) {
+      kill(pid_, SIGTERM);
+      int status = 0;
+      for (int i = 0; i < 200 && waitpid(pid_, &status, WNOHANG) == 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      }
+      if (waitpid(pid_, &status, WNOHANG) == 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+      }
+    }
+    if (!mnt_.empty() && Mounted()) umount2(mnt_.c_str(), MNT_DETACH);
+    pid_ = -1;
+    if (!work_.empty()) fs::remove_all(work_);
+    work_.clear();
+  }
+
+  bool Mounted() const { return plughost::FindMount(mnt_).has_value(); }
+
+  std::string work_, root_, mnt_;
+  pid_t pid_ = -1;
+};
+
+}  // namespace plughost_test
