@@ -37,8 +37,9 @@ int WriteAll(int fd, const char* data, long long length) {
 }
 
 // Receives one read of the file: writes each chunk, stops the read at the
-// first empty chunk (the end of the file), on a write error, and when the
-// caller's handle asks to stop; forwards progress to the caller's handle.
+// first empty chunk (the end of the file for a plug-in that cannot tell
+// otherwise), on a write error, and when the caller's handle asks to stop;
+// forwards progress to the caller's handle.
 class DownloadSink final : public IFetchCallback {
  public:
   DownloadSink(int fd, long long expected, _FS_HANDLE* user, _FS_HANDLE* internal)
@@ -277,14 +278,18 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
     auto internal = std::make_shared<_FS_HANDLE>();
     DownloadSink sink(out, expected, user.get(), internal.get());
     std::string message;
-    // One byte more than expected: the end of the file shows up as an empty
-    // chunk, and a longer file as that extra byte.
-    AERROR code = client.Read(request.path, 0, expected + 1, internal, &sink, &message);
+    // One byte more than expected: a longer file shows up as that extra
+    // byte. The end of the file shows up either as an empty chunk (a plug-in
+    // that cannot tell where the file ends) or as a read that succeeds having
+    // delivered fewer bytes than asked (one that can).
+    const long long asked = expected + 1;
+    AERROR code = client.Read(request.path, 0, asked, internal, &sink, &message);
     if (sink.write_error != 0) return finish(local_failure("write", sink.write_error));
     if (sink.cancelled || Stopped(*user)) break;
-    if (sink.end_of_file && sink.received == expected) {
+    const bool ended = sink.end_of_file || (code == SUCCESS && sink.received < asked);
+    if (ended && sink.received == expected) {
       complete = true;
-    } else if (sink.end_of_file || sink.received > expected) {
+    } else if (ended || sink.received > expected) {
       result.changed = true;  // shorter or longer than it was: read it again
     } else {
       result.status = TransferStatus::kFailed;
