@@ -59,6 +59,19 @@ std::optional<_FS_FILE_V2> Existing(Client& client, const std::string& path) {
   }
 }
 
+std::string DescribeOutcome(TransferStatus status, bool existed, const std::string& reason,
+                            const std::string& kept) {
+  switch (status) {
+    case TransferStatus::kDone:
+      return existed ? "replaced" : "created";
+    case TransferStatus::kCancelled:
+      return "cancelled" + kept;
+    case TransferStatus::kFailed:
+      break;
+  }
+  return (reason.empty() ? std::string("failed") : reason) + kept;
+}
+
 }  // namespace transfer_internal
 
 using namespace transfer_internal;
@@ -294,23 +307,10 @@ std::string LocalRootFor(const std::string& root_id, const std::string& root_pat
 // --- ReplaceFile ---------------------------------------------------------------------
 
 std::string ReplaceResult::Describe() const {
-  std::string text;
-  switch (status) {
-    case TransferStatus::kDone:
-      return existed ? "replaced" : "created";
-    case TransferStatus::kCancelled:
-      text = "cancelled";
-      break;
-    case TransferStatus::kFailed:
-      text = reason.empty() ? "failed" : reason;
-      break;
-  }
-  if (!old_kept_at.empty()) {
-    text += "; the existing file was kept as " + old_kept_at;
-  } else if (kept_existing) {
-    text += "; the existing file was kept";
-  }
-  return text;
+  return DescribeOutcome(status, existed, reason,
+                         !old_kept_at.empty() ? "; the existing file was kept as " + old_kept_at
+                         : kept_existing      ? "; the existing file was kept"
+                                              : "");
 }
 
 ReplaceResult ReplaceFile(Client& client, const ReplaceRequest& request) {

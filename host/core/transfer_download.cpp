@@ -157,19 +157,8 @@ class LocalTemporary {
 }  // namespace
 
 std::string DownloadResult::Describe() const {
-  std::string text;
-  switch (status) {
-    case TransferStatus::kDone:
-      return existed ? "replaced" : "created";
-    case TransferStatus::kCancelled:
-      text = "cancelled";
-      break;
-    case TransferStatus::kFailed:
-      text = reason.empty() ? "failed" : reason;
-      break;
-  }
-  if (kept_existing) text += "; the existing file was kept";
-  return text;
+  return DescribeOutcome(status, existed, reason,
+                         kept_existing ? "; the existing file was kept" : "");
 }
 
 DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {

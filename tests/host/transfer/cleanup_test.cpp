@@ -126,6 +126,13 @@ TEST(AgeSeconds, ReadsLocalWallClockFields) {
   EXPECT_EQ(plughost::AgeSeconds("2024-07-01T12:00:00.000Z", noon), 0);
   EXPECT_FALSE(plughost::AgeSeconds("yesterday", noon).has_value());
   EXPECT_FALSE(plughost::AgeSeconds("", noon).has_value());
+  // 02:30:20 on 2024-10-27 happens twice (00:30:20 and 01:30:20 UTC). Ten
+  // seconds later in either pass the file is ten seconds old, never an hour
+  // older or younger.
+  EXPECT_EQ(plughost::AgeSeconds("2024-10-27T02:30:20.000Z", 1729989030), 10);
+  EXPECT_EQ(plughost::AgeSeconds("2024-10-27T02:30:20.000Z", 1729992630), 10);
+  // Across the spring gap: 01:59:00 CET to 03:00:30 CEST is 90 seconds.
+  EXPECT_EQ(plughost::AgeSeconds("2024-03-31T01:59:00.000Z", 1711846830), 90);
   if (saved != nullptr) {
     setenv("TZ", restore.c_str(), 1);
   } else {
