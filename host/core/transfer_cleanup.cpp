@@ -95,6 +95,19 @@ std::vector<CleanupEntry> CleanupTemporaryFiles(Client& client,
         // back to its name if that is missing, else it has been superseded.
         const std::string parent = ParentOf(file.path, file.name);
         const std::string original = OriginalNameOf(file.name);
+        // The list may be old by now: the kept file must still be there, and
+        // the name is checked last, right before the move. The protocol has
+        // no exclusive move, so a put that completes in the one call between
+        // that check and the move loses to the old version where the
+        // plug-in's Move replaces a name; plug-ins that leave ".old" files are
+        // the ones whose Move refuses an existing name, and there the restore
+        // fails instead and both files stay.
+        if (!options.dry_run && !Existing(client, file.path)) {
+          entry.action = CleanupAction::kFailed;
+          entry.detail = "it is gone";
+          done.push_back(std::move(entry));
+          continue;
+        }
         if (!Existing(client, Join(parent, original))) {
           if (!options.dry_run) client.Move(file.path, parent, original, {"cleanup", file.path});
           entry.action = CleanupAction::kRestored;

@@ -209,6 +209,7 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
   const std::string base = slash == std::string::npos ? dest : dest.substr(slash + 1);
 
   int dir_fd = -1;
+  int mode_error = 0;
   LocalTemporary temporary;
   int out = -1;
   if (result.in_place) {
@@ -231,7 +232,8 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
           // Not allowed: the new file belongs to this user, as cp's would.
         }
       }
-      fchmod(out, st.st_mode & 07777);
+      // The new file must not end up with other bits than the one it replaces.
+      if (fchmod(out, st.st_mode & 07777) != 0) mode_error = errno;
     }
   }
   auto finish = [&](DownloadResult r) {
@@ -240,6 +242,7 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
     if (dir_fd >= 0) close(dir_fd);
     return r;
   };
+  if (mode_error != 0) return finish(local_failure("set the mode of", mode_error));
 
   long long expected = request.size;
   const int attempts = result.in_place ? 1 : std::max(1, request.attempts);
@@ -319,7 +322,11 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
       result.reason = "cancelled";
       return finish(result);
     }
-    if (request.sync) fsync(dir_fd);
+    // Renamed and synced: a directory that cannot be synced only means a
+    // crash could still bring the old file back; a warning, not a failure.
+    if (request.sync && fsync(dir_fd) != 0) {
+      result.warning = "cannot sync the directory " + dir + ": " + std::strerror(errno);
+    }
   }
   result.status = TransferStatus::kDone;
   return finish(result);
