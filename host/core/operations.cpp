@@ -30,15 +30,17 @@ void CopyRangeOut(Client& client, const PathMapper& paths, const std::string& re
                   const Context& context) {
   if (range.length <= 0) return;
   bool ended_early = false;
+  long long delivered = 0;
   FetchAdapter fetch(
       [&](long long, const char* data, long long n) {
         if (n == 0) {
-          // The file is shorter than it was: the plug-in would keep handing
-          // out empty chunks until cancelled.
+          // The file is shorter than it was: a plug-in that cannot tell where
+          // a file ends would keep handing out empty chunks until cancelled.
           ended_early = true;
           handle->state.store(FS_HANDLE_STOP);
           return;
         }
+        delivered += n;
         sink(data, n);
       },
       handle);
@@ -50,6 +52,8 @@ void CopyRangeOut(Client& client, const PathMapper& paths, const std::string& re
   } catch (const std::system_error& error) {
     throw Failure(context, error.what(), error.code().value());
   }
+  // A plug-in that knows where a file ends stops there and succeeds.
+  if (code == SUCCESS && !Stopped(*handle) && delivered < range.length) ended_early = true;
   if (ended_early) throw Failure(context, "the file ended early");
   if (Stopped(*handle)) throw Cancelled(context);
   client.Check(code, context, message);

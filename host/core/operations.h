@@ -33,7 +33,8 @@ using ChunkSink = std::function<void(const char* data, long long length)>;
 
 // Reads `range` of the file `relative` into `sink`. The plug-in's progress
 // and cancellation go through `handle` (the caller may publish it to a
-// signal handler). A file that turns out shorter than the range stops the
+// signal handler). A file that turns out shorter than the range (an empty
+// chunk, or a read that succeeds with fewer bytes than asked) stops the
 // transfer and fails with "the file ended early".
 void CopyRangeOut(Client& client, const PathMapper& paths, const std::string& relative, Range range,
                   const std::shared_ptr<_FS_HANDLE>& handle, const ChunkSink& sink,

@@ -59,6 +59,19 @@ std::optional<_FS_FILE_V2> Existing(Client& client, const std::string& path) {
   }
 }
 
+std::string DescribeOutcome(TransferStatus status, bool existed, const std::string& reason,
+                            const std::string& kept) {
+  switch (status) {
+    case TransferStatus::kDone:
+      return existed ? "replaced" : "created";
+    case TransferStatus::kCancelled:
+      return "cancelled" + kept;
+    case TransferStatus::kFailed:
+      break;
+  }
+  return (reason.empty() ? std::string("failed") : reason) + kept;
+}
+
 }  // namespace transfer_internal
 
 using namespace transfer_internal;
@@ -219,8 +232,11 @@ std::optional<mode_t> PrepareLocalTemporary(const std::string& final_path,
           // Not allowed: the new file belongs to this user, as any new file would.
         }
       }
-      // Writable by its owner while it is written; the final bits come later.
-      fchmod(fd, mode | S_IWUSR);
+      // Writable by its owner while it is written; the final bits are
+      // checked, and set where they differ, once the content is in.
+      if (fchmod(fd, mode | S_IWUSR) != 0) {
+        // Left 0600: never more exposed than the old file meanwhile.
+      }
       close(fd);
       return mode;
     }
@@ -294,23 +310,10 @@ std::string LocalRootFor(const std::string& root_id, const std::string& root_pat
 // --- ReplaceFile ---------------------------------------------------------------------
 
 std::string ReplaceResult::Describe() const {
-  std::string text;
-  switch (status) {
-    case TransferStatus::kDone:
-      return existed ? "replaced" : "created";
-    case TransferStatus::kCancelled:
-      text = "cancelled";
-      break;
-    case TransferStatus::kFailed:
-      text = reason.empty() ? "failed" : reason;
-      break;
-  }
-  if (!old_kept_at.empty()) {
-    text += "; the existing file was kept as " + old_kept_at;
-  } else if (kept_existing) {
-    text += "; the existing file was kept";
-  }
-  return text;
+  return DescribeOutcome(status, existed, reason,
+                         !old_kept_at.empty() ? "; the existing file was kept as " + old_kept_at
+                         : kept_existing      ? "; the existing file was kept"
+                                              : "");
 }
 
 ReplaceResult ReplaceFile(Client& client, const ReplaceRequest& request) {
@@ -384,8 +387,24 @@ ReplaceResult ReplaceFile(Client& client, const ReplaceRequest& request) {
   }
 
   // The owner may not write to the file it replaces: the temporary file was
-  // writable for the upload, and takes the final mode only now.
-  if (final_mode && (*final_mode & S_IWUSR) == 0) chmod(temporary_path.c_str(), *final_mode);
+  // writable for the upload, and takes the final mode only now. A replaced
+  // file that would silently change its mode is a failure: the old one stays.
+  if (final_mode) {
+    struct stat st {};
+    int error = 0;
+    if (stat(temporary_path.c_str(), &st) != 0) {
+      error = errno;
+    } else if ((st.st_mode & 07777) != *final_mode && chmod(temporary_path.c_str(), *final_mode)) {
+      error = errno;
+    }
+    if (error != 0) {
+      if (!RemoveQuietly(client, temporary_path)) result.leftover = temporary_path;
+      result.kept_existing = result.existed;
+      return fail(
+          "mode", FILE_WRITE_FAILED, {},
+          std::string("failed: cannot set the mode of the new file: ") + std::strerror(error));
+    }
+  }
   const bool sync = request.sync && !request.local_root.empty();
   if (sync && !SyncLocal(temporary_path, O_RDONLY)) {
     if (!RemoveQuietly(client, temporary_path)) result.leftover = temporary_path;
@@ -399,7 +418,13 @@ ReplaceResult ReplaceFile(Client& client, const ReplaceRequest& request) {
     result.file = client.Move(temporary_path, request.parent, request.name, {"move", final_path});
     result.status = TransferStatus::kDone;
     result.code = SUCCESS;
-    if (sync) SyncLocal(request.parent, O_RDONLY | O_DIRECTORY);
+    // The rename is done and the new content is on the disk: a directory
+    // that cannot be synced only means a crash could still bring the old
+    // version back. The transfer succeeded; the caller is told, not failed.
+    if (sync && !SyncLocal(request.parent, O_RDONLY | O_DIRECTORY)) {
+      result.warning =
+          std::string("cannot sync the directory ") + request.parent + ": " + std::strerror(errno);
+    }
     return result;
   } catch (const ProtocolError& error) {
     code = error.code();

@@ -85,7 +85,8 @@ struct ReplaceResult {
   // SUCCESS when done; UPLOAD_CANCELED when cancelled; otherwise the code of
   // the step that failed.
   AERROR code = SUCCESS;
-  std::string step;            // the failing step: "check", "upload", "sync", "move", "replace"
+  // The failing step: "check", "upload", "mode", "sync", "move", "replace".
+  std::string step;
   std::string message;         // the plug-in's text for it, if any
   bool existed = false;        // a file of that name was there before
   bool kept_existing = false;  // not done, and that file is still in place, unchanged
@@ -102,6 +103,10 @@ struct ReplaceResult {
   std::string old_kept_at;
   // When done: the record Move returned for the final name.
   _FS_FILE_V2 file;
+  // Done, but the directory could not be synced after the rename (a crash
+  // could still bring the old version back): "cannot sync the directory
+  // DIR: <strerror>"; "" otherwise.
+  std::string warning;
 
   bool ok() const noexcept { return status == TransferStatus::kDone; }
   // For people, without the operation and path: "created", "replaced",
@@ -162,6 +167,9 @@ struct DownloadResult {
   bool in_place = false;
   long long bytes = 0;     // bytes of the version written
   std::string local_path;  // the file written (a symbolic link resolved)
+  // Done, but the directory could not be synced after the rename: "cannot
+  // sync the directory DIR: <strerror>"; "" otherwise.
+  std::string warning;
 
   bool ok() const noexcept { return status == TransferStatus::kDone; }
   std::string Describe() const;

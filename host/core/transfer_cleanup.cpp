@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "host/core/file_time.h"
 #include "host/core/transfer_internal.h"
 
 namespace plughost {
@@ -14,24 +15,22 @@ using namespace transfer_internal;
 // --- stale temporary files ---------------------------------------------------------------
 
 std::optional<long long> AgeSeconds(const std::string& modify_time, std::time_t now) {
-  struct tm fields {};
-  int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
-  if (std::sscanf(modify_time.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d", &year, &month, &day, &hour,
-                  &minute, &second) != 6) {
-    return std::nullopt;
+  const long long fields = PackFileTimeFields(modify_time);
+  if (fields == kNoFields) return std::nullopt;
+  long long age = static_cast<long long>(now - FileTimeInstant(modify_time));
+  // In the repeated autumn hour the fields name two instants and the codec
+  // takes the earlier: a file a running transfer wrote a moment ago, in the
+  // second pass, would look an hour old. The difference of the wall-clock
+  // fields is right there, and smaller only around a clock change, so the
+  // smaller of the two never makes a busy file look stale.
+  struct tm local {};
+  char text[32];
+  if (localtime_r(&now, &local) != nullptr &&
+      std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local) > 0) {
+    const long long now_fields = PackFileTimeFields(text);
+    if (now_fields != kNoFields) age = std::min(age, now_fields - fields);
   }
-  fields.tm_year = year - 1900;
-  fields.tm_mon = month - 1;
-  fields.tm_mday = day;
-  fields.tm_hour = hour;
-  fields.tm_min = minute;
-  fields.tm_sec = second;
-  // Local wall-clock fields; an hour off at most around a clock change,
-  // which does not matter for telling a stale file from a busy one.
-  fields.tm_isdst = -1;
-  std::time_t when = mktime(&fields);
-  if (when == static_cast<std::time_t>(-1)) return std::nullopt;
-  return static_cast<long long>(now - when);
+  return age;
 }
 
 namespace {
@@ -96,6 +95,19 @@ std::vector<CleanupEntry> CleanupTemporaryFiles(Client& client,
         // back to its name if that is missing, else it has been superseded.
         const std::string parent = ParentOf(file.path, file.name);
         const std::string original = OriginalNameOf(file.name);
+        // The list may be old by now: the kept file must still be there, and
+        // the name is checked last, right before the move. The protocol has
+        // no exclusive move, so a put that completes in the one call between
+        // that check and the move loses to the old version where the
+        // plug-in's Move replaces a name; plug-ins that leave ".old" files are
+        // the ones whose Move refuses an existing name, and there the restore
+        // fails instead and both files stay.
+        if (!options.dry_run && !Existing(client, file.path)) {
+          entry.action = CleanupAction::kFailed;
+          entry.detail = "it is gone";
+          done.push_back(std::move(entry));
+          continue;
+        }
         if (!Existing(client, Join(parent, original))) {
           if (!options.dry_run) client.Move(file.path, parent, original, {"cleanup", file.path});
           entry.action = CleanupAction::kRestored;

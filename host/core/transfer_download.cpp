@@ -37,8 +37,9 @@ int WriteAll(int fd, const char* data, long long length) {
 }
 
 // Receives one read of the file: writes each chunk, stops the read at the
-// first empty chunk (the end of the file), on a write error, and when the
-// caller's handle asks to stop; forwards progress to the caller's handle.
+// first empty chunk (the end of the file for a plug-in that cannot tell
+// otherwise), on a write error, and when the caller's handle asks to stop;
+// forwards progress to the caller's handle.
 class DownloadSink final : public IFetchCallback {
  public:
   DownloadSink(int fd, long long expected, _FS_HANDLE* user, _FS_HANDLE* internal)
@@ -156,19 +157,8 @@ class LocalTemporary {
 }  // namespace
 
 std::string DownloadResult::Describe() const {
-  std::string text;
-  switch (status) {
-    case TransferStatus::kDone:
-      return existed ? "replaced" : "created";
-    case TransferStatus::kCancelled:
-      text = "cancelled";
-      break;
-    case TransferStatus::kFailed:
-      text = reason.empty() ? "failed" : reason;
-      break;
-  }
-  if (kept_existing) text += "; the existing file was kept";
-  return text;
+  return DescribeOutcome(status, existed, reason,
+                         kept_existing ? "; the existing file was kept" : "");
 }
 
 DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
@@ -219,6 +209,7 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
   const std::string base = slash == std::string::npos ? dest : dest.substr(slash + 1);
 
   int dir_fd = -1;
+  int mode_error = 0;
   LocalTemporary temporary;
   int out = -1;
   if (result.in_place) {
@@ -241,7 +232,8 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
           // Not allowed: the new file belongs to this user, as cp's would.
         }
       }
-      fchmod(out, st.st_mode & 07777);
+      // The new file must not end up with other bits than the one it replaces.
+      if (fchmod(out, st.st_mode & 07777) != 0) mode_error = errno;
     }
   }
   auto finish = [&](DownloadResult r) {
@@ -250,6 +242,7 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
     if (dir_fd >= 0) close(dir_fd);
     return r;
   };
+  if (mode_error != 0) return finish(local_failure("set the mode of", mode_error));
 
   long long expected = request.size;
   const int attempts = result.in_place ? 1 : std::max(1, request.attempts);
@@ -277,14 +270,18 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
     auto internal = std::make_shared<_FS_HANDLE>();
     DownloadSink sink(out, expected, user.get(), internal.get());
     std::string message;
-    // One byte more than expected: the end of the file shows up as an empty
-    // chunk, and a longer file as that extra byte.
-    AERROR code = client.Read(request.path, 0, expected + 1, internal, &sink, &message);
+    // One byte more than expected: a longer file shows up as that extra
+    // byte. The end of the file shows up either as an empty chunk (a plug-in
+    // that cannot tell where the file ends) or as a read that succeeds having
+    // delivered fewer bytes than asked (one that can).
+    const long long asked = expected + 1;
+    AERROR code = client.Read(request.path, 0, asked, internal, &sink, &message);
     if (sink.write_error != 0) return finish(local_failure("write", sink.write_error));
     if (sink.cancelled || Stopped(*user)) break;
-    if (sink.end_of_file && sink.received == expected) {
+    const bool ended = sink.end_of_file || (code == SUCCESS && sink.received < asked);
+    if (ended && sink.received == expected) {
       complete = true;
-    } else if (sink.end_of_file || sink.received > expected) {
+    } else if (ended || sink.received > expected) {
       result.changed = true;  // shorter or longer than it was: read it again
     } else {
       result.status = TransferStatus::kFailed;
@@ -325,7 +322,11 @@ DownloadResult DownloadFile(Client& client, const DownloadRequest& request) {
       result.reason = "cancelled";
       return finish(result);
     }
-    if (request.sync) fsync(dir_fd);
+    // Renamed and synced: a directory that cannot be synced only means a
+    // crash could still bring the old file back; a warning, not a failure.
+    if (request.sync && fsync(dir_fd) != 0) {
+      result.warning = "cannot sync the directory " + dir + ": " + std::strerror(errno);
+    }
   }
   result.status = TransferStatus::kDone;
   return finish(result);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/core/client.h"
+#include "host/core/transfer.h"
 #include "protocol/contract.h"
 
 namespace plughost {
@@ -21,6 +22,11 @@ std::string DescribeCode(Client& client, AERROR code, const std::string& message
 // The record of an existing entry, nothing when there is none; throws
 // ProtocolError for other failures.
 std::optional<_FS_FILE_V2> Existing(Client& client, const std::string& path);
+// A transfer's outcome for people: "created" or "replaced" when done,
+// otherwise "cancelled" or `reason` ("failed" when empty) followed by
+// `kept`, what became of the existing file ("; the existing file was kept").
+std::string DescribeOutcome(TransferStatus status, bool existed, const std::string& reason,
+                            const std::string& kept);
 
 }  // namespace transfer_internal
 }  // namespace plughost

@@ -107,6 +107,31 @@ TEST_F(Cleanup, RemovesRestoresAndLeavesRecentFilesAlone) {
   EXPECT_EQ(ReadFile(Local("keep.txt")), "mine");
 }
 
+// The list is taken before the cleanup: a put that has since created the
+// final name keeps it (the ".old" is superseded), and a ".old" that has
+// since gone is said to be gone rather than moved.
+TEST_F(Cleanup, ChecksAgainRightBeforeRestoring) {
+  std::vector<TemporaryFile> found = plughost::FindTemporaryFiles(*client_, root_id_);
+  WriteFile(Local("docs/report.txt"), "put meanwhile");
+  std::vector<CleanupEntry> done = plughost::CleanupTemporaryFiles(*client_, found);
+  ASSERT_EQ(done.size(), 5u);
+  EXPECT_EQ(done[3].action, CleanupAction::kRemoved);
+  EXPECT_EQ(ReadFile(Local("docs/report.txt")), "put meanwhile");
+
+  WriteFile(Local("docs/.report.txt.plughost-ffffff.old"), "older report");
+  Age(Local("docs/.report.txt.plughost-ffffff.old"), 3600);
+  ASSERT_EQ(unlink(Local("docs/report.txt").c_str()), 0);
+  found = plughost::FindTemporaryFiles(*client_, root_id_ + "/docs", "docs");
+  ASSERT_EQ(found.size(), 2u);
+  ASSERT_EQ(unlink(Local("docs/.report.txt.plughost-ffffff.old").c_str()), 0);
+  done = plughost::CleanupTemporaryFiles(*client_, found);
+  ASSERT_EQ(done.size(), 2u);
+  EXPECT_EQ(done[1].file.name, ".report.txt.plughost-ffffff.old");
+  EXPECT_EQ(done[1].action, CleanupAction::kFailed);
+  EXPECT_EQ(done[1].detail, "it is gone");
+  EXPECT_FALSE(Exists(Local("docs/report.txt")));
+}
+
 TEST_F(Cleanup, AgeZeroTakesRecentFilesToo) {
   CleanupOptions options;
   options.min_age_seconds = 0;
@@ -126,6 +151,13 @@ TEST(AgeSeconds, ReadsLocalWallClockFields) {
   EXPECT_EQ(plughost::AgeSeconds("2024-07-01T12:00:00.000Z", noon), 0);
   EXPECT_FALSE(plughost::AgeSeconds("yesterday", noon).has_value());
   EXPECT_FALSE(plughost::AgeSeconds("", noon).has_value());
+  // 02:30:20 on 2024-10-27 happens twice (00:30:20 and 01:30:20 UTC). Ten
+  // seconds later in either pass the file is ten seconds old, never an hour
+  // older or younger.
+  EXPECT_EQ(plughost::AgeSeconds("2024-10-27T02:30:20.000Z", 1729989030), 10);
+  EXPECT_EQ(plughost::AgeSeconds("2024-10-27T02:30:20.000Z", 1729992630), 10);
+  // Across the spring gap: 01:59:00 CET to 03:00:30 CEST is 90 seconds.
+  EXPECT_EQ(plughost::AgeSeconds("2024-03-31T01:59:00.000Z", 1711846830), 90);
   if (saved != nullptr) {
     setenv("TZ", restore.c_str(), 1);
   } else {

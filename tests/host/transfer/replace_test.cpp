@@ -123,6 +123,7 @@ TEST_F(Replace, SyncedWhereTheStorageIsLocal) {
   ReplaceResult result = ReplaceFile(*client_, request);
   ASSERT_TRUE(result.ok()) << result.Describe();
   EXPECT_TRUE(ReadFile(Local("a.txt")) == Pattern(kChunk + 7));
+  EXPECT_EQ(result.warning, "");
   EXPECT_THAT(Names(root_), ::testing::ElementsAre("a.txt"));
 }
 
