@@ -64,6 +64,7 @@ int Info(Invocation& run) {
   int features = run.client().Feature();
   std::string pid = run.client().Pid();
   int auth = plugin.AuthType();
+  const ConfineResult confinement = run.session.confinement().value_or(ConfineResult{});
   if (run.json()) {
     std::cout << JsonFields()
                      .Text("plugin", plugin.path())
@@ -73,6 +74,9 @@ int Info(Invocation& run) {
                      .Text("root", run.session.root_id())
                      .Text("pid", pid)
                      .Value("auth_type", auth)
+                     .Text("confinement",
+                           confinement.mode == ConfineMode::kLandlock ? "landlock" : "fallback")
+                     .Value("landlock_abi", confinement.abi)
                      .str()
               << "\n";
     return kExitOk;
@@ -85,7 +89,8 @@ int Info(Invocation& run) {
             << "features: " << hex << "\n"
             << "root:     " << run.name(run.session.root_id()) << "\n"
             << "pid:      " << pid << "\n"
-            << "auth:     " << auth << "\n";
+            << "auth:     " << auth << "\n"
+            << "confinement: " << DescribeConfinement(confinement) << "\n";
   return kExitOk;
 }
 

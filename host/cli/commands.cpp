@@ -14,7 +14,8 @@ void Complain(const std::string& text) {
   std::cerr << "plughost: " << text << std::endl;
 }
 
-int RunOnSession(const GlobalOptions& options, const SessionCommand& command) {
+int RunOnSession(const GlobalOptions& options, const SessionCommand& command,
+                 const LocalFilesOf& local_files) {
   InstallInterruptHandler();
   try {
     StderrLog log("plughost: ");
@@ -24,7 +25,12 @@ int RunOnSession(const GlobalOptions& options, const SessionCommand& command) {
     setup.root = options.root;
     setup.plugin_options = options.plugin_options;
     if (options.verbose) setup.logger = &log;
+    setup.no_follow_links = options.no_follow_links;
+    LocalFiles local = local_files ? local_files() : LocalFiles{};
     std::unique_ptr<Session> session = Session::Open(setup);
+    // Before the command touches the storage: from here on the kernel keeps
+    // the process (and the plug-in in it) inside the root.
+    session->Confine(local.read_only, local.read_write);
     Invocation invocation{*session, options, NameStyle(options.literal)};
     int status = command(invocation);
     std::cout.flush();
@@ -33,23 +39,25 @@ int RunOnSession(const GlobalOptions& options, const SessionCommand& command) {
     return status;
   } catch (const Cancelled& error) {
     Complain(error.what());
-    return kExitCancelled;
+    return CancelledStatus();
   } catch (const UsageError& error) {
     Complain(error.what());
     return kExitUsage;
   } catch (const std::exception& error) {
     Complain(error.what());
-    return Interrupted() ? kExitCancelled : kExitFailed;
+    return Interrupted() ? CancelledStatus() : kExitFailed;
   }
 }
 
 }  // namespace
 
 CLI::App* CommandSet::Add(const std::string& name, const std::string& description,
-                          SessionCommand command) {
+                          SessionCommand command, LocalFilesOf local_files) {
   CLI::App* sub = app_.add_subcommand(name, description);
-  sub->callback([this, command = std::move(command)] {
-    chosen_ = [command](const GlobalOptions& options) { return RunOnSession(options, command); };
+  sub->callback([this, command = std::move(command), local_files = std::move(local_files)] {
+    chosen_ = [command, local_files](const GlobalOptions& options) {
+      return RunOnSession(options, command, local_files);
+    };
   });
   return sub;
 }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "host/cli/options.h"
 #include "host/cli/output.h"
@@ -40,6 +41,16 @@ struct Invocation {
 using SessionCommand = std::function<int(Invocation&)>;
 using Command = std::function<int(const GlobalOptions&)>;
 
+// The local files a subcommand uses besides the storage: the process keeps
+// access to these, and otherwise only to the root, once it confines itself.
+struct LocalFiles {
+  std::vector<std::string> read_only;
+  std::vector<std::string> read_write;
+};
+// Called after parsing, before the storage is opened and the process
+// confined: opens what must be opened unconfined, and names the rest.
+using LocalFilesOf = std::function<LocalFiles()>;
+
 class CommandSet {
  public:
   CommandSet(CLI::App& app, const GlobalOptions& options) : app_(app), options_(options) {}
@@ -48,7 +59,8 @@ class CommandSet {
   const GlobalOptions& options() const { return options_; }
 
   // A subcommand that runs on a storage opened from the shared options.
-  CLI::App* Add(const std::string& name, const std::string& description, SessionCommand command);
+  CLI::App* Add(const std::string& name, const std::string& description, SessionCommand command,
+                LocalFilesOf local_files = nullptr);
   // Makes `command` the one to run (for subcommands that open what they
   // need themselves, such as mount).
   void Choose(Command command) { chosen_ = std::move(command); }

@@ -1,6 +1,7 @@
-// Ctrl-C: the first stops the running transfer through its handle (the
-// plug-in polls it between chunks) and makes the command end with status
-// 130; a second ends the process at once, for a plug-in that does not poll.
+// Ctrl-C and SIGTERM: the first stops the running transfer through its
+// handle (the plug-in polls it between chunks) and makes the command end
+// with status 128 + the signal's number (130 for Ctrl-C, 143 for SIGTERM); a
+// second ends the process at once, for a plug-in that does not poll.
 #pragma once
 
 #include "protocol/contract.h"
@@ -9,6 +10,8 @@ namespace plughost {
 
 void InstallInterruptHandler();
 bool Interrupted();
+// The exit status of a cancelled command: 130 (Ctrl-C) or 143 (SIGTERM).
+int CancelledStatus();
 
 // Publishes a transfer's handle to the Ctrl-C handler while it runs.
 class TransferScope {

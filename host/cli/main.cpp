@@ -3,8 +3,8 @@
 // Every path a user types is relative to the storage root (--root) and is
 // confined to it; the plug-in receives the root's identifier joined with the
 // normalised path. Exit codes: 0 success, 1 operation failed, 2 usage error,
-// 130 cancelled with Ctrl-C. Each family of subcommands registers itself
-// from its own file (commands.h).
+// 130 cancelled with Ctrl-C, 143 cancelled with SIGTERM. Each family of subcommands registers
+// itself from its own file (commands.h).
 #include <CLI/CLI.hpp>
 #include <iostream>
 
@@ -29,7 +29,8 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_version_flag("--version", "plughost " PLUGHOST_VERSION);
   app.footer(
-      "Exit codes: 0 success, 1 operation failed, 2 usage error, 130 cancelled (Ctrl-C).\n"
+      "Exit codes: 0 success, 1 operation failed, 2 usage error, 130 cancelled (Ctrl-C),\n"
+      "143 cancelled (SIGTERM).\n"
       "Run 'plughost SUBCOMMAND --help' for the options of a subcommand.");
   plughost::AddGlobalOptions(app, options);
 

@@ -36,6 +36,7 @@ int Mv(Invocation& run, const MvArgs& args) {
   std::string name = args.name.empty() ? BaseName(source) : args.name;
   if (!IsPlainName(name)) throw UsageError("mv: invalid name '" + name + "'");
   std::string target = ChildPath(dir, name);
+  run.paths().CheckLinks(target, {"mv", DisplayPath(target)});
   _FS_FILE_V2 file = run.client().Move(run.paths().Protocol(source), run.paths().Protocol(dir),
                                        name, {"mv", args.source});
   Report(run, file, target, run.name(DisplayPath(source)) + " -> " + run.name(DisplayPath(target)));

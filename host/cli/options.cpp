@@ -33,6 +33,9 @@ void AddGlobalOptions(CLI::App& app, GlobalOptions& options) {
                           "Show the transfer progress bar even when stderr is not a terminal");
   auto* off = app.add_flag("--no-progress", options.no_progress, "Never show the progress bar");
   on->excludes(off);
+  app.add_flag("--no-follow-links", options.no_follow_links,
+               "Refuse every path that goes through a symbolic link, inside the root or not "
+               "(a link that leads outside the root is always refused)");
 }
 
 }  // namespace plughost

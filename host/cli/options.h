@@ -21,6 +21,7 @@ struct GlobalOptions {
   bool literal = false;
   bool progress = false;
   bool no_progress = false;
+  bool no_follow_links = false;
 
   // --progress or --no-progress when given; otherwise whether stderr is a
   // terminal decides.

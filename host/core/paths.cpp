@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "host/core/confine.h"
 #include "host/core/errors.h"
 
 namespace plughost {
@@ -70,12 +71,25 @@ std::string PathMapper::Relative(std::string_view path, const std::string& opera
   if (!relative) {
     throw UsageError(operation + " " + std::string(path) + ": path escapes the storage root");
   }
+  CheckLinks(*relative, {operation, std::string(path)});
   return *relative;
+}
+
+void PathMapper::CheckLinks(const std::string& relative, const Context& context) const {
+  if (local_root_.empty()) return;
+  int error = CheckBeneath(local_root_, relative, no_follow_links_);
+  if (error == 0) return;
+  // A front end reports a link out of the root as "permission denied".
+  throw Failure(context, BeneathErrorText(error, no_follow_links_),
+                error == EXDEV ? EACCES : error);
 }
 
 std::optional<std::string> PathMapper::ProtocolOf(std::string_view path) const {
   std::optional<std::string> relative = NormalizeUserPath(path);
   if (!relative) return std::nullopt;
+  if (!local_root_.empty() && CheckBeneath(local_root_, *relative, no_follow_links_) != 0) {
+    return std::nullopt;
+  }
   return Protocol(*relative);
 }
 

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include "host/core/errors.h"
+
 namespace plughost {
 
 // Normalises a user path relative to the root: "." and empty segments are
@@ -43,23 +45,37 @@ bool IsPlainName(std::string_view name);
 // The mapping for one storage root.
 class PathMapper {
  public:
-  explicit PathMapper(std::string root_id) : root_id_(std::move(root_id)) {}
+  // With `local_root` (the root's directory on this machine), every relative
+  // path is also resolved beneath it (CheckBeneath, confine.h): a symbolic
+  // link that leads outside, or with `no_follow_links` any link, is refused.
+  explicit PathMapper(std::string root_id, std::string local_root = {},
+                      bool no_follow_links = false)
+      : root_id_(std::move(root_id)),
+        local_root_(std::move(local_root)),
+        no_follow_links_(no_follow_links) {}
 
   const std::string& root_id() const noexcept { return root_id_; }
 
   // The relative path of a user's or the kernel's path. Throws UsageError
-  // "<operation> <path>: path escapes the storage root" when it leaves the root.
+  // "<operation> <path>: path escapes the storage root" when it leaves the root
+  // by its text, and Failure "<operation> <path>: <reason>" (EACCES, or ELOOP
+  // for a refused link) when a link on it does.
   std::string Relative(std::string_view path, const std::string& operation) const;
+  // The same check for a relative path the host made (a directory joined with
+  // a new name); throws Failure naming `context`.
+  void CheckLinks(const std::string& relative, const Context& context) const;
   // The protocol path of a normalised relative path.
   std::string Protocol(const std::string& relative) const {
     return JoinProtocolPath(root_id_, relative);
   }
   // The protocol path of a user's or the kernel's path; nothing when it
-  // leaves the root.
+  // leaves the root (by its text, or through a link when checked).
   std::optional<std::string> ProtocolOf(std::string_view path) const;
 
  private:
   std::string root_id_;
+  std::string local_root_;
+  bool no_follow_links_ = false;
 };
 
 }  // namespace plughost

@@ -95,8 +95,29 @@ std::unique_ptr<Session> Session::Open(const SessionOptions& options) {
   if (!root.empty()) session->client_->SetOpt("root_path", root);
   for (const auto& [key, value] : settings)
     session->client_->SetOpt(key, value);
-  session->paths_ = PathMapper(session->client_->RootId());
+  std::string root_id = session->client_->RootId();
+  // Paths are resolved beneath the root's directory, and the process is
+  // confined to it: the one the user named, else what the plug-in reports.
+  session->local_root_ = root;
+  struct stat st {};
+  if (root.empty() && !root_id.empty() && root_id[0] == '/' && stat(root_id.c_str(), &st) == 0 &&
+      S_ISDIR(st.st_mode)) {
+    session->local_root_ = root_id;
+  }
+  session->paths_ = PathMapper(root_id, session->local_root_, options.no_follow_links);
   return session;
+}
+
+const ConfineResult& Session::Confine(std::vector<std::string> read_only,
+                                      std::vector<std::string> read_write) {
+  if (local_root_.empty())
+    throw Failure("cannot confine: the storage root is not a local directory");
+  ConfineRequest request;
+  request.root = local_root_;
+  request.read_only = std::move(read_only);
+  request.read_write = std::move(read_write);
+  confinement_ = plughost::Confine(request);
+  return *confinement_;
 }
 
 Session::~Session() {

@@ -13,12 +13,14 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "host/core/adapters.h"
 #include "host/core/client.h"
+#include "host/core/confine.h"
 #include "host/core/paths.h"
 #include "host/core/plugin.h"
 
@@ -30,6 +32,9 @@ struct SessionOptions {
   std::vector<std::string> plugin_options;  // "KEY=VALUE", each handed to SetOpt
   // Bound to the plug-in while the session lives; not owned, must outlive it.
   ILog* logger = nullptr;
+  // Refuse every path that goes through a symbolic link, inside the root or
+  // not (paths are always refused when a link on them leads outside).
+  bool no_follow_links = false;
 };
 
 class Session {
@@ -45,6 +50,16 @@ class Session {
   const PathMapper& paths() const noexcept { return paths_; }
   const std::string& root_id() const noexcept { return paths_.root_id(); }
 
+  // Restricts the process to the storage root plus the local paths given
+  // (Confine, confine.h) and remembers how. Call once, single-threaded, after
+  // whatever must happen unconfined (opening or mounting local files) and
+  // before the plug-in touches the storage. Throws std::runtime_error when
+  // the restriction cannot be set up.
+  const ConfineResult& Confine(std::vector<std::string> read_only = {},
+                               std::vector<std::string> read_write = {});
+  // How the process was confined; nothing before Confine.
+  const std::optional<ConfineResult>& confinement() const noexcept { return confinement_; }
+
  private:
   explicit Session(Plugin plugin) : plugin_(std::move(plugin)), paths_("") {}
 
@@ -52,6 +67,8 @@ class Session {
   MemoryConfiguration config_;
   std::unique_ptr<Client> client_;
   PathMapper paths_;
+  std::string local_root_;  // the root's directory here; the root's identifier when not set
+  std::optional<ConfineResult> confinement_;
   bool logger_bound_ = false;
 };
 

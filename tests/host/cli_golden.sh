@@ -10,7 +10,8 @@
 # UPDATE_GOLDEN=1 rewrites the golden file instead of comparing.
 # Output is made stable: TZ=UTC, file times set with touch -d, and the parts
 # that depend on the machine (temporary paths, status-change times, the host
-# name, directory sizes and access times of listed directories, disk figures)
+# name, directory sizes and access times of listed directories, disk figures,
+# the confinement in use and the fallback's warning)
 # are replaced by placeholders.
 set -u
 plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
@@ -429,6 +430,10 @@ sed -E \
   -e "s|^$host_name/|<HOST>/|" \
   -e "s|\"user\":\"$host_name/|\"user\":\"<HOST>/|" \
   -e 's/^create: .*/create: <ctime>/' \
+  -e 's/\.plughost-[A-Za-z0-9]{6}\.(partial|old)/.plughost-XXXXXX.\1/g' \
+  -e 's/^confinement: .*/confinement: <CONFINEMENT>/' \
+  -e 's/"confinement":"[a-z]+","landlock_abi":[0-9]+/"confinement":<CONFINEMENT>/' \
+  -e '/^2> plughost: warning: confinement falls back/d' \
   -e 's/"id_bytes":"[^"]*"/"id_bytes":"<id>"/g' \
   -e '/^type:   directory$/{n;s/^size:   [0-9]+$/size:   <dirsize>/}' \
   -e 's/"create_time":"[^"]*"/"create_time":"<ctime>"/g' \
