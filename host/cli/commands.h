@@ -84,5 +84,6 @@ void RegisterTransferCommands(CommandSet& commands);   // get, put
 void RegisterNamespaceCommands(CommandSet& commands);  // mv, mkdir, rm, rmdir, touch
 void RegisterAccountCommands(CommandSet& commands);    // df, whoami, info
 void RegisterMountCommands(CommandSet& commands);      // mount, unmount
+void RegisterCheckCommands(CommandSet& commands);      // check
 
 }  // namespace plughost

@@ -40,6 +40,7 @@ int main(int argc, char** argv) {
   plughost::RegisterNamespaceCommands(commands);
   plughost::RegisterAccountCommands(commands);
   plughost::RegisterMountCommands(commands);
+  plughost::RegisterCheckCommands(commands);
 
   try {
     app.parse(argc, argv);

@@ -3,8 +3,10 @@
 # compares the transcript (commands, stdout, stderr as "2> " lines, exit
 # codes) with tests/host/golden/<case>.txt.
 #
-#   cli_golden.sh PLUGHOST GOLDEN_DIR CASE
+#   cli_golden.sh PLUGHOST GOLDEN_DIR CASE [PLUGIN]
 #
+# PLUGIN (case contract only) is the plug-in to load; the transcript of that
+# case is the same for every plug-in that keeps the contract.
 # UPDATE_GOLDEN=1 rewrites the golden file instead of comparing.
 # Output is made stable: TZ=UTC, file times set with touch -d, and the parts
 # that depend on the machine (temporary paths, status-change times, the host
@@ -15,6 +17,7 @@ set -u
 plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
 golden_dir=$2
 case_name=$3
+plugin=${4:-}
 
 export TZ=UTC LC_ALL=C USER=tester
 # libfaketime is preloaded in one scenario; let a sanitizer build accept it.
@@ -332,6 +335,81 @@ case_names() {
   ph rm "odd/$(printf 'new\nline')"
 }
 
+# What every plug-in answers alike, one process per command: a plug-in may
+# keep nothing between processes (libmemory.so starts empty each time), so
+# the root starts empty, the commands that change it come last and none reads
+# what another made. The plug-in's own words after an error's code and its
+# own figures are not compared; their relations are.
+case_contract() {
+  local with_plugin=()
+  [ -z "$plugin" ] || with_plugin=(--plugin "$plugin")
+  cph() { record "$(quoted "$@")" "$plughost" --root "$root" "${with_plugin[@]}" "$@"; }
+  field() { sed -nE "s/.*\"$1\":(\"([^\"]*)\"|([0-9]+)).*/\2\3/p" "$work/out"; }
+  printf 'local content\n' >"$local_dir/upload.txt"
+
+  note "# the plug-in itself: names agree, options reach it"
+  cph -o pid=contract-pid --json info
+  if [ "$(field protocol)" = "$(field type)" ] && [ -n "$(field type)" ]; then
+    note "info: protocol equals type: yes"
+  else
+    note "info: protocol equals type: no ($(field protocol), $(field type))"
+  fi
+  note "info: pid set with -o: $(field pid)"
+  note "info: keys: $(grep -oE '"[a-z_]+":' "$work/out" | tr -d '":' | tr '\n' ' ')"
+  note "# the storage: free is what the used part leaves of the total"
+  cph --json df
+  local total used free
+  total=$(field total) used=$(field used) free=$(field free)
+  if [ -n "$total" ] && [ "$used" -le "$total" ] && [ "$free" -eq $((total - used)) ]; then
+    note "df: used <= total, free = total - used: yes"
+  else
+    note "df: used <= total, free = total - used: no ($(cat "$work/out"))"
+  fi
+  cph whoami
+  note "whoami: lines: $(wc -l <"$work/out")"
+  # Keep the transcript to the lines that are the same for every plug-in.
+  sed -i '/^\$ plughost .*\(info\|df\|whoami\)$/,/^\[exit/d' "$transcript"
+
+  note "# an empty root"
+  cph ls
+  cph ls -l
+  cph ls --json
+  cph ls --json --stream /
+  cph ls -U /
+  note "# what is missing"
+  cph ls missing
+  cph stat missing
+  cph cat missing
+  cph get missing
+  show_local missing
+  cph rm missing
+  cph rmdir missing
+  cph mv missing /
+  cph mkdir missing/inner
+  cph put upload.txt missingdir
+  cph touch missingdir/x.txt
+  note "# the root is a directory and stays"
+  cph cat /
+  cph get /
+  cph rm /
+  cph rmdir /
+  cph mkdir /
+  cph mv / docs
+  note "# outside the root"
+  cph ls ..
+  cph stat ../x
+  cph put upload.txt ..
+  note "# changes, each on its own"
+  cph mkdir made
+  cph --json mkdir made-json
+  cph put upload.txt
+  cph --json put upload.txt / --name json.txt
+  printf 'from stdin\n' >"$work/stdin.txt"
+  STDIN_FILE=$work/stdin.txt cph put - --name stdin.txt
+  cph touch touched.txt --date '2024-03-04 05:06:07'
+  cph --json touch touched-json.txt --date '@1700000000 +0000'
+}
+
 if ! declare -F "case_$case_name" >/dev/null; then
   echo "unknown case $case_name" >&2
   exit 2
@@ -361,6 +439,10 @@ sed -E \
   -e 's/"create_time":"[^"]*"/"create_time":"<ctime>"/g' \
   -e 's/("type":"directory","size":)[0-9]+(,"id":"[^"]*","create_time":"[^"]*","access_time":")[^"]*/\1<dirsize>\2<atime>/g' \
   "$transcript" >"$sanitized"
+if [ "$case_name" = contract ]; then
+  # Identifiers are the plug-in's own: only their presence is compared.
+  sed -i -E -e 's/(\(AERROR::[A-Z_]+\)): .*/\1/' -e 's/"id":"[^"]+"/"id":"<id>"/' "$sanitized"
+fi
 if [ "$case_name" = df ]; then
   sed -i -E -e '/^(total|used|free) /s/[0-9]+(\.[0-9]+)? (B|KiB|MiB|GiB|TiB|PiB|EiB)/N <unit>/' \
     -e '/^used /s/\([0-9]+%\)/(N%)/' -e '/^\{"total"/s/[0-9]+/N/g' "$sanitized"

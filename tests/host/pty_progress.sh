@@ -3,9 +3,13 @@
 # cleared when stderr is a terminal, absent when it is piped, and forced on or
 # off with --progress / --no-progress.
 #
-#   pty_progress.sh PLUGHOST
+#   pty_progress.sh PLUGHOST [MEMORY_PLUGIN]
+#
+# With MEMORY_PLUGIN, the bar of a put is checked on that plug-in too (its
+# storage lives in the process, so only the upload itself can be seen).
 set -u
 plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+memory=${2:-}
 work=$(mktemp -d "${TMPDIR:-/tmp}/plughost-pty.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 mkdir -p "$work/root" "$work/local"
@@ -68,6 +72,20 @@ grep -q '%' "$work/forced.err" || fail "--progress did not draw into a pipe"
 ends_cleared "$work/forced.err" || fail "forced bar not cleared"
 draws=$(tr '\r' '\n' <"$work/forced.err" | grep -c '%')
 [ "$draws" -ge 1 ] || fail "no draws counted"
+
+# 6. put on a terminal into the memory plug-in: drawn from the plug-in's own
+# progress reports and cleared.
+if [ -n "$memory" ]; then
+  on_terminal "cd '$work/local' && '$plughost' --plugin '$memory' put up.bin >'$work/memory.out'" \
+    "$work/tty_memory.txt"
+  rc=$?
+  [ $rc -eq 0 ] || fail "put into libmemory.so on a terminal exited $rc"
+  grep -q 'up.bin' "$work/tty_memory.txt" || fail "no bar on the terminal (put, memory)"
+  grep -q '%' "$work/tty_memory.txt" || fail "no percentage on the terminal (put, memory)"
+  ends_cleared "$work/tty_memory.txt" || fail "bar not cleared at the end (put, memory)"
+  grep -q "up.bin -> /up.bin ($((24 * 1024 * 1024)) bytes)" "$work/memory.out" ||
+    fail "summary missing on stdout (put, memory): $(cat "$work/memory.out")"
+fi
 
 if [ $failures -ne 0 ]; then
   echo "--- terminal capture (get):" >&2

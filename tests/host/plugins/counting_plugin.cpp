@@ -1,11 +1,13 @@
 // A protocol plug-in that counts what the host does with it: how often its
 // objects are released and how many messages the host hands back. It has no
-// GetAERRORA, so hosts fall back to their own error names.
+// GetAERRORA, so hosts fall back to their own error names. Everything it
+// does not count answers as the shared null protocol does.
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
 
 #include "protocol/contract.h"
+#include "tests/support/null_protocol.h"
 
 namespace {
 
@@ -19,10 +21,12 @@ char* Message(const char* text) {
   return strdup(text);
 }
 
-class CountingProtocol final : public IProtocol_V2 {
+class CountingProtocol final : public test_support::NullProtocol {
  public:
-  CountingProtocol() { ++g_created; }
-  ~CountingProtocol() = default;
+  explicit CountingProtocol(IProtocolManager* manager) : NullProtocol(manager) {
+    pid = "counting-pid";
+    ++g_created;
+  }
 
   void Release() override {
     ++g_released;
@@ -42,7 +46,6 @@ class CountingProtocol final : public IProtocol_V2 {
     if (free != nullptr) *free = 250;
     return SUCCESS;
   }
-  AERROR SetQuota(unsigned long long, unsigned long long) override { return NOT_SUPPORTED; }
   AERROR GetType(char** type) override {
     static char kType[] = "counting";
     *type = kType;
@@ -52,37 +55,15 @@ class CountingProtocol final : public IProtocol_V2 {
     if (msg != nullptr) *msg = Message("listing is not allowed here");
     return ACCESS_DENIED;
   }
-  AERROR GetChanges(IFileChanges*, char**) override { return NOT_SUPPORTED; }
   AERROR GetFileInfo(const char*, _FS_FILE_V2*, char** msg) override {
     if (msg != nullptr) *msg = Message("counting says no");
     return FILE_NOT_FOUND;
   }
-  AERROR Rename(const char*, const char*, _FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
-  AERROR Move(const char*, const char*, _FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
-  AERROR MoveDir(const char*, const char*, _FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
-  AERROR CreateDirectory(const char*, _FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
-  AERROR Delete(_FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
-  AERROR DeleteDirectory(_FS_FILE_V2*, char**) override { return NOT_SUPPORTED; }
-  AERROR Read(const char*, long long, long long, std::shared_ptr<_FS_HANDLE>, IFetchCallback*,
-              char**) override {
-    return NOT_SUPPORTED;
-  }
-  AERROR Upload(const char*, std::shared_ptr<_FS_HANDLE>, ICacheIO*, _FS_FILE_V2*, UPLOAD_FLAG,
-                char**) override {
-    return NOT_SUPPORTED;
-  }
-  AERROR SetFileTime(const char*, std::string, std::string, std::string, _FS_FILE_V2*,
-                     char**) override {
-    return NOT_SUPPORTED;
-  }
-  AERROR SetOpt(const char*, const char*) override { return SUCCESS; }
-  AERROR GetCredential(char*, int*) override { return NOT_SUPPORTED; }
   int GetFeature() override { return 7; }
   void FreeMsg(char* msg) override {
     if (msg != nullptr) ++g_messages_freed;
     std::free(msg);
   }
-  AERROR Connect(IProtocolAuth*, const char*) override { return SUCCESS; }
   AERROR GetIdentifier(char*, int*) override { return NOT_SUPPORTED; }
   AERROR GetRootID(char* buffer, int* length) override {
     static const char kRoot[] = "/counted";
@@ -93,10 +74,6 @@ class CountingProtocol final : public IProtocol_V2 {
     std::memcpy(buffer, kRoot, sizeof kRoot - 1);
     return SUCCESS;
   }
-  std::string GetPID() override { return "counting-pid"; }
-  AERROR SetChangesCallback(IFileChanges*) override { return SUCCESS; }
-  AERROR SetLocalConfiguration(ILocalConfiguration*) override { return SUCCESS; }
-  AERROR GetShareableLink(_FS_FILE_V2*, std::string&) override { return NOT_SUPPORTED; }
 };
 
 }  // namespace
@@ -104,7 +81,7 @@ class CountingProtocol final : public IProtocol_V2 {
 extern "C" {
 bool GetProtocol(IProtocolManager* manager, IProtocol_V2** out) {
   if (manager == nullptr || out == nullptr) return false;
-  *out = new CountingProtocol();
+  *out = new CountingProtocol(manager);
   return true;
 }
 void GetSupportProtocol(char** out) {
