@@ -618,6 +618,25 @@ TEST_F(MountFsTest, FsyncMakesTheUploadDurable) {
   ASSERT_EQ(mount_->Release(fh), 0);
 }
 
+TEST_F(MountFsTest, SyncOnCloseReplacesThroughASyncedUpload) {
+  // Each close uploads through a replace that syncs the new file before its
+  // rename: the name holds the old or the new content, whole.
+  plughost::MountSettings settings;
+  settings.sync_on_close = true;
+  Remount(settings);
+  Spit(Root("f"), "old content");
+  std::uint64_t fh = OpenOk("/f", O_WRONLY | O_TRUNC);
+  ASSERT_EQ(mount_->Write(fh, "new", 3, 0), 3);
+  ASSERT_EQ(mount_->Release(fh), 0);
+  EXPECT_EQ(Slurp(Root("f")), "new");
+  fh = OpenOk("/f", O_RDWR);
+  ASSERT_EQ(mount_->Write(fh, "NEW", 3, 0), 3);
+  ASSERT_EQ(mount_->Fsync(fh), 0);
+  EXPECT_EQ(Slurp(Root("f")), "NEW");
+  ASSERT_EQ(mount_->Release(fh), 0);
+  EXPECT_EQ(Names(root_), std::vector<std::string>{"f"});
+}
+
 TEST_F(MountFsTest, TimesAcrossTheSpringClockChange) {
   test_support::TzGuard berlin("Europe/Berlin");
   Spit(Root("f"), "x");
