@@ -127,7 +127,7 @@ int MountFs::UploadLocked(OpenNode& node, bool durable) {
   }
   _FS_FILE_V2 record;
   int error = staging_.Upload(Protocol(DirName(relative)), BaseName(relative), node.fd,
-                              node.size.load(), &record);
+                              node.size.load(), durable, &record);
   if (error != 0) return error;
   node.dirty.store(false);
   node.pending.store(false);
@@ -139,7 +139,9 @@ int MountFs::UploadLocked(OpenNode& node, bool durable) {
   } else {
     KeepRecord(relative, record);
   }
-  return durable ? staging_.MakeDurable(relative) : 0;
+  // A durable upload synced the file before its rename and the directory
+  // after it: nothing is left to sync.
+  return 0;
 }
 
 // --- open files ------------------------------------------------------------------
@@ -327,9 +329,21 @@ int MountFs::Close(const std::shared_ptr<OpenNode>& node) {
       // Left for `plughost cleanup`; never listed by the mount.
     }
   }
+  std::lock_guard<std::mutex> guard(node->lock);
   if (node->dirty.load()) {
-    std::fprintf(stderr, "plughost mount: changes to /%s were not uploaded and are lost\n",
-                 open_.RelativeOf(*node).c_str());
+    // Nobody is left to retry: the staged copy stays in the cache
+    // directory, as at the end of the mount.
+    const std::string relative = open_.RelativeOf(*node);
+    if (node->fd < 0) node->fd = staging_.MakeFile();
+    std::string kept = node->fd >= 0 ? staging_.Keep(node->fd, relative) : std::string();
+    if (kept.empty()) {
+      std::fprintf(stderr, "plughost mount: could not upload /%s; its changes are lost\n",
+                   relative.c_str());
+    } else {
+      std::fprintf(stderr, "plughost mount: could not upload /%s; its content is kept in %s\n",
+                   relative.c_str(), kept.c_str());
+    }
+    node->dirty.store(false);
   }
   return error;
 }

@@ -2,7 +2,10 @@
 #include <fcntl.h>
 #include <stdio.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <mutex>
+#include <vector>
 
 #include "host/core/paths.h"
 #include "host/core/transfer.h"
@@ -98,9 +101,33 @@ int MountFs::Rename(const char* from, const char* to, unsigned int flags) {
   if (int error = RelativeOf(to, &target); error != 0) return error;
   if (source.empty() || target.empty()) return -EBUSY;
   if (source == target) return 0;
-  if (std::shared_ptr<OpenNode> node = open_.Find(source); node && node->pending.load()) {
+  // An upload of an open file computes its name when it starts and moves
+  // the new content over that name when it ends: a rename in between would
+  // bring the old name back. Every open file the rename touches is held
+  // still until the table knows the new names (in address order, so two
+  // renames never wait for each other).
+  auto touching = [&] {
+    std::vector<std::shared_ptr<OpenNode>> nodes = open_.Tree(source);
+    if (std::shared_ptr<OpenNode> replaced = open_.Find(target)) nodes.push_back(replaced);
+    std::sort(nodes.begin(), nodes.end());
+    nodes.erase(std::unique(nodes.begin(), nodes.end()), nodes.end());
+    return nodes;
+  };
+  std::vector<std::shared_ptr<OpenNode>> touched = touching();
+  std::vector<std::unique_lock<std::mutex>> held;
+  for (;;) {
+    held.clear();
+    for (const std::shared_ptr<OpenNode>& node : touched)
+      held.emplace_back(node->lock);
+    // Opened meanwhile: start again with those too.
+    std::vector<std::shared_ptr<OpenNode>> now = touching();
+    if (now == touched) break;
+    held.clear();
+    touched = std::move(now);
+  }
+  if (std::shared_ptr<OpenNode> node = open_.Find(source);
+      node && node->pending.load() && std::binary_search(touched.begin(), touched.end(), node)) {
     // Still being created: it must exist on the storage to be moved.
-    std::lock_guard<std::mutex> guard(node->lock);
     if (int error = UploadLocked(*node, false); error != 0) return error;
   }
   _FS_FILE_V2 existing;

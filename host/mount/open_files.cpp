@@ -61,6 +61,17 @@ std::vector<std::shared_ptr<OpenNode>> OpenFiles::PendingIn(const std::string& d
   return out;
 }
 
+std::vector<std::shared_ptr<OpenNode>> OpenFiles::Tree(const std::string& relative) const {
+  std::vector<std::shared_ptr<OpenNode>> out;
+  if (count_.load(std::memory_order_relaxed) == 0) return out;
+  const std::string prefix = relative + "/";
+  std::lock_guard<std::mutex> guard(lock_);
+  for (const auto& [name, node] : nodes_) {
+    if (name == relative || name.compare(0, prefix.size(), prefix) == 0) out.push_back(node);
+  }
+  return out;
+}
+
 std::vector<std::shared_ptr<OpenNode>> OpenFiles::All() const {
   std::lock_guard<std::mutex> guard(lock_);
   std::vector<std::shared_ptr<OpenNode>> out;

@@ -73,6 +73,8 @@ class OpenFiles {
   std::shared_ptr<OpenNode> Find(const std::string& relative) const;
   // Nodes created here and not uploaded yet, directly inside `directory`.
   std::vector<std::shared_ptr<OpenNode>> PendingIn(const std::string& directory) const;
+  // The open nodes of `relative` and of everything below it.
+  std::vector<std::shared_ptr<OpenNode>> Tree(const std::string& relative) const;
   // Every node (for the uploads at shutdown).
   std::vector<std::shared_ptr<OpenNode>> All() const;
   std::size_t Count() const;

@@ -94,7 +94,7 @@ int Staging::Fill(const std::string& path, long long want, int fd, long long* si
 }
 
 int Staging::Upload(const std::string& parent, const std::string& name, int fd, long long size,
-                    _FS_FILE_V2* record) {
+                    bool durable, _FS_FILE_V2* record) {
   CacheAdapter cache([fd, size](long long offset, char* buffer, long long capacity) {
     long long want = std::min(capacity, size - offset);
     if (want <= 0) return 0LL;
@@ -112,6 +112,9 @@ int Staging::Upload(const std::string& parent, const std::string& name, int fd, 
   request.size = size;
   request.flag = UPLOAD_FLAG_OVERWRITE;
   request.local_root = local_root_;
+  // Synced before the rename: syncing after it would leave a window in
+  // which the old content is gone and the new one not yet on the disk.
+  request.sync = durable;
   ReplaceResult result = ReplaceFile(client_, request);
   if (result.ok()) {
     *record = result.file;

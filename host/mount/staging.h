@@ -28,13 +28,17 @@ class Staging {
 
   // Uploads `size` bytes of `fd` as `name` in the protocol directory
   // `parent` through a temporary name and a move over `name`. On success
-  // `*record` is the record of the new file. 0 or a negative errno (ENOSPC
-  // when the local root has no room for it).
+  // `*record` is the record of the new file. With `durable` and a local
+  // root, the new file is synced before the move and its directory after,
+  // so that a crash leaves the old or the new content under `name`, never
+  // an empty or short file. 0 or a negative errno (ENOSPC when the local
+  // root has no room for it).
   int Upload(const std::string& parent, const std::string& name, int fd, long long size,
-             _FS_FILE_V2* record);
+             bool durable, _FS_FILE_V2* record);
 
-  // Makes an uploaded file and its directory entry durable. Only possible
-  // for a local root; for other plug-ins durability is theirs. 0 or -errno.
+  // Makes a file uploaded earlier and its directory entry durable. Only
+  // possible for a local root; for other plug-ins durability is theirs.
+  // 0 or -errno.
   int MakeDurable(const std::string& relative) const;
 
   // Copies a staged file into the cache directory under a name that tells

@@ -15,11 +15,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "host/mount/mount_support.h"
+#include "tests/support/files.h"
 
 extern char** environ;
 
@@ -58,19 +60,16 @@ class MountTest : public ::testing::Test {
   void Mount(const std::vector<std::string>& extra) {
     std::string reason;
     if (!FuseUsable(&reason)) GTEST_SKIP() << "FUSE unavailable: " << reason;
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(tmp != nullptr && *tmp ? tmp : "/tmp") + "/mount_errno.XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    work_ = pattern;
+    work_dir_ = std::make_unique<test_support::TempDir>("mount_test");
+    work_ = work_dir_->path();
     root_ = work_ + "/root";
     mnt_ = work_ + "/mnt";
     std::string cache = work_ + "/cache";
     for (const std::string& dir : {root_, mnt_, cache})
       fs::create_directory(dir);
 
-    std::vector<std::string> words = {MOUNT_FRONT_END, "--plugin", LD_PLUGIN_PATH, "--root",
-                                      root_,           "mount",    mnt_,           "--foreground",
+    std::vector<std::string> words = {MOUNT_FRONT_END, "--plugin", plugin_, "--root",
+                                      root_,           "mount",    mnt_,    "--foreground",
                                       "--cache-dir",   cache};
     words.insert(words.end(), extra.begin(), extra.end());
     std::vector<char*> argv;
@@ -106,12 +105,16 @@ class MountTest : public ::testing::Test {
     }
     if (!mnt_.empty() && Mounted()) umount2(mnt_.c_str(), MNT_DETACH);
     pid_ = -1;
-    if (!work_.empty()) fs::remove_all(work_);
+    work_dir_.reset();
     work_.clear();
   }
 
   bool Mounted() const { return plughost::FindMount(mnt_).has_value(); }
 
+  // The plug-in that serves the mount; `root_` is given as its --root (a
+  // plug-in that serves no local directory leaves it alone).
+  std::string plugin_ = LD_PLUGIN_PATH;
+  std::unique_ptr<test_support::TempDir> work_dir_;
   std::string work_, root_, mnt_;
   pid_t pid_ = -1;
 };

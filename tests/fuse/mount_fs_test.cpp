@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -24,6 +25,8 @@
 #include "host/core/adapters.h"
 #include "host/core/client.h"
 #include "host/core/plugin.h"
+#include "tests/support/files.h"
+#include "tests/support/time_zone.h"
 
 namespace {
 
@@ -42,16 +45,7 @@ void Spit(const std::string& path, const std::string& data) {
 class MountFsTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    const char* tz = std::getenv("TZ");
-    if (tz != nullptr) saved_tz_ = tz;
-    had_tz_ = tz != nullptr;
-    setenv("TZ", "UTC", 1);
-    tzset();
-    const char* tmp = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(tmp != nullptr && *tmp ? tmp : "/tmp") + "/mount_fs_test.XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    work_ = pattern;
+    work_ = work_dir_.path();
     root_ = work_ + "/root";
     cache_ = work_ + "/cache";
     fs::create_directory(root_);
@@ -76,13 +70,6 @@ class MountFsTest : public ::testing::Test {
     mount_.reset();
     client_.reset();
     plugin_.reset();
-    if (!work_.empty()) fs::remove_all(work_);
-    if (had_tz_) {
-      setenv("TZ", saved_tz_.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
   }
 
   std::string Root(const std::string& relative) const { return root_ + "/" + relative; }
@@ -105,9 +92,9 @@ class MountFsTest : public ::testing::Test {
     return out;
   }
 
+  test_support::TzGuard zone_{test_support::kUtc};
+  test_support::TempDir work_dir_{"mount_fs_test"};
   std::string work_, root_, cache_;
-  std::string saved_tz_;
-  bool had_tz_ = false;
   plughost::MemoryConfiguration config_;
   std::unique_ptr<plughost::Plugin> plugin_;
   std::unique_ptr<plughost::Client> client_;
@@ -631,9 +618,27 @@ TEST_F(MountFsTest, FsyncMakesTheUploadDurable) {
   ASSERT_EQ(mount_->Release(fh), 0);
 }
 
+TEST_F(MountFsTest, SyncOnCloseReplacesThroughASyncedUpload) {
+  // Each close uploads through a replace that syncs the new file before its
+  // rename: the name holds the old or the new content, whole.
+  plughost::MountSettings settings;
+  settings.sync_on_close = true;
+  Remount(settings);
+  Spit(Root("f"), "old content");
+  std::uint64_t fh = OpenOk("/f", O_WRONLY | O_TRUNC);
+  ASSERT_EQ(mount_->Write(fh, "new", 3, 0), 3);
+  ASSERT_EQ(mount_->Release(fh), 0);
+  EXPECT_EQ(Slurp(Root("f")), "new");
+  fh = OpenOk("/f", O_RDWR);
+  ASSERT_EQ(mount_->Write(fh, "NEW", 3, 0), 3);
+  ASSERT_EQ(mount_->Fsync(fh), 0);
+  EXPECT_EQ(Slurp(Root("f")), "NEW");
+  ASSERT_EQ(mount_->Release(fh), 0);
+  EXPECT_EQ(Names(root_), std::vector<std::string>{"f"});
+}
+
 TEST_F(MountFsTest, TimesAcrossTheSpringClockChange) {
-  setenv("TZ", "Europe/Berlin", 1);
-  tzset();
+  test_support::TzGuard berlin("Europe/Berlin");
   Spit(Root("f"), "x");
   // The hour after the 2024 spring change, and the repeated autumn hour.
   for (time_t t : {1711846800L, 1711850400L, 1729990800L, 1729994400L}) {
@@ -696,6 +701,100 @@ TEST_F(MountFsTest, TheRecordOfAnUploadAnswersTheNextAttributeRequest) {
   ASSERT_EQ(mount_->GetAttr("/new", 0, &st), 0) << "answered without asking the storage";
   EXPECT_EQ(st.st_size, 5);
   EXPECT_EQ(mount_->GetAttr("/new", 0, &st), -ENOENT) << "used once, then the storage is asked";
+}
+
+TEST_F(MountFsTest, ARenameRacingUploadsNeverBringsTheOldNameBack) {
+  // A writer flushes new versions while another thread renames the file
+  // from name to name: each upload must land under the name the file has
+  // when it completes, never under the one it had when it started.
+  std::uint64_t fh = 0;
+  ASSERT_EQ(mount_->Create("/n0", O_RDWR | O_CREAT, &fh), 0);
+  ASSERT_EQ(mount_->Write(fh, "v0", 2, 0), 2);
+  ASSERT_EQ(mount_->Flush(fh), 0);
+  std::atomic<bool> writing{true};
+  std::string newest;
+  std::thread writer([&] {
+    for (int version = 1; version <= 150; ++version) {
+      std::string content = test_support::Pattern(64 * 1024 + static_cast<std::size_t>(version),
+                                                  static_cast<unsigned>(version));
+      EXPECT_EQ(mount_->Truncate(nullptr, fh, 0), 0);
+      EXPECT_EQ(mount_->Write(fh, content.data(), content.size(), 0),
+                static_cast<long long>(content.size()));
+      EXPECT_EQ(mount_->Flush(fh), 0) << "version " << version;
+      newest = content;
+    }
+    writing.store(false);
+  });
+  int renames = 0;
+  std::thread renamer([&] {
+    while (writing.load()) {
+      std::string from = "/n" + std::to_string(renames);
+      std::string to = "/n" + std::to_string(renames + 1);
+      ASSERT_EQ(mount_->Rename(from.c_str(), to.c_str(), 0), 0) << from;
+      ++renames;
+    }
+  });
+  writer.join();
+  renamer.join();
+  ASSERT_EQ(mount_->Release(fh), 0);
+  const std::string last = "n" + std::to_string(renames);
+  EXPECT_EQ(Names(root_), std::vector<std::string>{last});
+  EXPECT_TRUE(Slurp(Root(last)) == newest) << "the newest version, complete";
+}
+
+TEST_F(MountFsTest, AFailedUploadAtTheLastCloseKeepsTheStagedCopy) {
+  fs::create_directory(Root("d"));
+  std::uint64_t fh = 0;
+  ASSERT_EQ(mount_->Create("/d/f", O_WRONLY | O_CREAT, &fh), 0);
+  ASSERT_EQ(mount_->Write(fh, "precious", 8, 0), 8);
+  // The directory goes behind the mount's back: the upload at close fails.
+  fs::remove_all(Root("d"));
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(mount_->Release(fh), -ENOENT);
+  const std::string said = testing::internal::GetCapturedStderr();
+  std::vector<std::string> kept;
+  for (const auto& entry : fs::directory_iterator(cache_)) {
+    kept.push_back(entry.path().string());
+  }
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_EQ(fs::path(kept[0]).filename().string().rfind("f.unsaved-", 0), 0u) << kept[0];
+  EXPECT_EQ(Slurp(kept[0]), "precious");
+  EXPECT_NE(said.find(kept[0]), std::string::npos) << said;
+  EXPECT_NE(said.find("/d/f"), std::string::npos) << said;
+}
+
+TEST_F(MountFsTest, AReaderHalfwayThroughALargeFileKeepsTheOldContentAcrossARenameOver) {
+  constexpr std::size_t kSize = 4 << 20;
+  constexpr std::size_t kChunk = 128 * 1024;  // what the kernel asks for at a time
+  const std::string old_content = test_support::Pattern(kSize, 1);
+  const std::string new_content = test_support::Pattern(kSize, 2);
+  Spit(Root("f"), old_content);
+  std::uint64_t reader = OpenOk("/f", O_RDONLY);
+  std::string got;
+  std::vector<char> buffer(kChunk);
+  auto read_until = [&](std::size_t end) {
+    while (got.size() < end) {
+      long long n =
+          mount_->Read(reader, buffer.data(), buffer.size(), static_cast<off_t>(got.size()));
+      ASSERT_GT(n, 0) << "at " << got.size();
+      got.append(buffer.data(), static_cast<std::size_t>(n));
+    }
+  };
+  read_until(kSize / 2);
+  // The replacement is written and renamed over through the mount.
+  std::uint64_t writer = 0;
+  ASSERT_EQ(mount_->Create("/f.tmp", O_WRONLY | O_CREAT, &writer), 0);
+  ASSERT_EQ(mount_->Write(writer, new_content.data(), new_content.size(), 0),
+            static_cast<long long>(new_content.size()));
+  ASSERT_EQ(mount_->Release(writer), 0);
+  ASSERT_EQ(mount_->Rename("/f.tmp", "/f", 0), 0);
+  read_until(kSize);
+  EXPECT_EQ(mount_->Read(reader, buffer.data(), buffer.size(), static_cast<off_t>(kSize)), 0);
+  EXPECT_EQ(got.size(), kSize);
+  EXPECT_TRUE(got == old_content) << "the old content, byte-exact, never a mix";
+  ASSERT_EQ(mount_->Release(reader), 0);
+  EXPECT_TRUE(Slurp(Root("f")) == new_content);
+  EXPECT_EQ(Names(root_), std::vector<std::string>{"f"});
 }
 
 }  // namespace

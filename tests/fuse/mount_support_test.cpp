@@ -5,34 +5,13 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
 #include <string>
 
+#include "tests/support/files.h"
+#include "tests/support/time_zone.h"
+
 namespace {
-
-class ZoneGuard {
- public:
-  explicit ZoneGuard(const char* zone) {
-    const char* old = std::getenv("TZ");
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ZoneGuard() {
-    if (had_) {
-      setenv("TZ", old_.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
-
- private:
-  bool had_ = false;
-  std::string old_;
-};
 
 TEST(MountSupport, ErrnoFollowsConvertAERROR) {
   EXPECT_EQ(plughost::ErrnoOf(SUCCESS), 0);
@@ -46,7 +25,7 @@ TEST(MountSupport, ErrnoFollowsConvertAERROR) {
 }
 
 TEST(MountSupport, StatFromRecord) {
-  ZoneGuard zone("UTC");
+  test_support::TzGuard zone("UTC");
   _FS_FILE_V2 file;
   file.type = 2;
   file.size = 4096;
@@ -76,10 +55,8 @@ TEST(MountSupport, StatFromRecord) {
 TEST(MountSupport, MountTable) {
   EXPECT_EQ(plughost::UnescapeMountField("/tmp/with\\040blank"), "/tmp/with blank");
   EXPECT_EQ(plughost::UnescapeMountField("/plain\\"), "/plain\\");
-  char pattern[] = "/tmp/mountinfo.XXXXXX";
-  int fd = mkstemp(pattern);
-  ASSERT_GE(fd, 0);
-  close(fd);
+  test_support::TempDir work("mount_support_test");
+  const std::string pattern = work / "mountinfo";
   {
     std::ofstream out(pattern);
     out << "22 1 0:21 / / rw,relatime shared:1 - ext4 /dev/vda rw\n"
@@ -92,7 +69,6 @@ TEST(MountSupport, MountTable) {
   EXPECT_EQ(entry->fs_type, "fuse.localdisk");
   EXPECT_EQ(entry->source, "plughost:/srv");
   EXPECT_FALSE(plughost::FindMount("/tmp/m", pattern).has_value());
-  std::filesystem::remove(pattern);
 }
 
 }  // namespace
