@@ -77,6 +77,15 @@ class Suite {
   AERROR ReadCall(const std::string& path, long long offset, long long length,
                   std::shared_ptr<_FS_HANDLE> handle, Sink* sink);
   // Reads a range that exists and compares it byte for byte.
+  // Reads `length` bytes from the start of `path`: the result must be SUCCESS
+  // (when `expected` is) or a failure, and no byte may be delivered.
+  void ExpectNothingRead(const std::string& path, long long length, AERROR expected,
+                         const std::string& what);
+  // Uploads `chunks` chunks as `name` with the handle stopped before the start
+  // (`cancel_at` < 0) or once chunk `cancel_at` is delivered: UPLOAD_CANCELED
+  // after exactly `requests` cache requests.
+  void ExpectCancelledUpload(const std::string& name, int chunks, int cancel_at, int requests,
+                             const std::string& what);
   void ExpectRange(const std::string& path, const std::string& content, long long offset,
                    long long length);
   void Remove(const std::string& path) { DeleteCall(&IProtocol_V2::Delete, path); }
