@@ -22,9 +22,13 @@
 
 namespace {
 
+using plughost_test::Errno;
+using plughost_test::List;
 using plughost_test::MountTest;
+using plughost_test::ReadFd;
 using plughost_test::Slurp;
 using plughost_test::Spit;
+using plughost_test::WriteFd;
 
 struct PluginUnderTest {
   const char* name;
@@ -37,45 +41,7 @@ class ContractTest : public MountTest, public ::testing::WithParamInterface<Plug
     plugin_ = GetParam().path;
     Mount({});
   }
-
-  std::string M(const std::string& relative) const { return mnt_ + "/" + relative; }
-
-  std::vector<std::string> List(const std::string& directory) const {
-    std::vector<std::string> names;
-    DIR* dir = opendir(directory.c_str());
-    if (dir == nullptr) return names;
-    while (dirent* entry = readdir(dir)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    closedir(dir);
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-
-  static std::string ReadFd(int fd) {
-    std::string out;
-    char buffer[65536];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0)
-      out.append(buffer, static_cast<std::size_t>(n));
-    return out;
-  }
-
-  static bool WriteFd(int fd, const std::string& data, std::size_t chunk) {
-    for (std::size_t done = 0; done < data.size();) {
-      std::size_t want = std::min(chunk, data.size() - done);
-      ssize_t n = write(fd, data.data() + done, want);
-      if (n <= 0) return false;
-      done += static_cast<std::size_t>(n);
-    }
-    return true;
-  }
 };
-
-int Errno(int result) {
-  return result == -1 ? errno : 0;
-}
 
 TEST_P(ContractTest, CreateWriteCloseReadBack) {
   int fd = open(M("f").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);

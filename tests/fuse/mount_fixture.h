@@ -2,6 +2,7 @@
 // kernel; skipped when /dev/fuse cannot be used here.
 #pragma once
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -11,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -49,6 +52,46 @@ inline std::string Slurp(const std::string& path) {
 inline void Spit(const std::string& path, const std::string& data) {
   std::ofstream out(path, std::ios::binary);
   out << data;
+}
+
+// The error a call left, or 0 when it succeeded.
+inline int Errno(int result) {
+  return result == -1 ? errno : 0;
+}
+
+// The names in `directory` without "." and "..", sorted.
+inline std::vector<std::string> List(const std::string& directory) {
+  std::vector<std::string> names;
+  DIR* dir = opendir(directory.c_str());
+  if (dir == nullptr) return names;
+  while (dirent* entry = readdir(dir)) {
+    std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(dir);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// Everything left to read from `fd`.
+inline std::string ReadFd(int fd) {
+  std::string out;
+  char buffer[65536];
+  ssize_t n;
+  while ((n = read(fd, buffer, sizeof buffer)) > 0)
+    out.append(buffer, static_cast<std::size_t>(n));
+  return out;
+}
+
+// Writes all of `data` in writes of at most `chunk` bytes.
+inline bool WriteFd(int fd, const std::string& data, std::size_t chunk) {
+  for (std::size_t done = 0; done < data.size();) {
+    std::size_t want = std::min(chunk, data.size() - done);
+    ssize_t n = write(fd, data.data() + done, want);
+    if (n <= 0) return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
 }
 
 class MountTest : public ::testing::Test {
@@ -110,6 +153,10 @@ class MountTest : public ::testing::Test {
   }
 
   bool Mounted() const { return plughost::FindMount(mnt_).has_value(); }
+
+  // A path below the mount point and the same path below the served root.
+  std::string M(const std::string& relative) const { return mnt_ + "/" + relative; }
+  std::string R(const std::string& relative) const { return root_ + "/" + relative; }
 
   // The plug-in that serves the mount; `root_` is given as its --root (a
   // plug-in that serves no local directory leaves it alone).

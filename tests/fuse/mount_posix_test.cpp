@@ -25,41 +25,14 @@
 namespace {
 
 namespace fs = std::filesystem;
+using plughost_test::Errno;
+using plughost_test::List;
 using plughost_test::MountTest;
+using plughost_test::ReadFd;
 using plughost_test::Slurp;
 using plughost_test::Spit;
 
-class PosixTest : public MountTest {
- protected:
-  std::string M(const std::string& relative) const { return mnt_ + "/" + relative; }
-  std::string R(const std::string& relative) const { return root_ + "/" + relative; }
-
-  std::vector<std::string> List(const std::string& directory) const {
-    std::vector<std::string> names;
-    DIR* dir = opendir(directory.c_str());
-    if (dir == nullptr) return names;
-    while (dirent* entry = readdir(dir)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    closedir(dir);
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-
-  static std::string ReadFd(int fd) {
-    std::string out;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0)
-      out.append(buffer, static_cast<std::size_t>(n));
-    return out;
-  }
-};
-
-int Errno(int result) {
-  return result == -1 ? errno : 0;
-}
+class PosixTest : public MountTest {};
 
 TEST_F(PosixTest, CreateWriteCloseReadBack) {
   int fd = open(M("f").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
