@@ -23,8 +23,8 @@
 namespace {
 
 using plughost_test::Errno;
-using plughost_test::List;
 using plughost_test::MountTest;
+using plughost_test::Names;
 using plughost_test::ReadFd;
 using plughost_test::Slurp;
 using plughost_test::Spit;
@@ -49,11 +49,11 @@ TEST_P(ContractTest, CreateWriteCloseReadBack) {
   struct stat st {};
   ASSERT_EQ(stat(M("f").c_str(), &st), 0) << "a created file is visible at once";
   EXPECT_TRUE(S_ISREG(st.st_mode));
-  EXPECT_EQ(List(mnt_), std::vector<std::string>{"f"});
+  EXPECT_EQ(Names(mnt_), std::vector<std::string>{"f"});
   ASSERT_EQ(write(fd, "hello", 5), 5);
   ASSERT_EQ(close(fd), 0);
   EXPECT_EQ(Slurp(M("f")), "hello");
-  EXPECT_EQ(List(mnt_), std::vector<std::string>{"f"}) << "no temporary name shows";
+  EXPECT_EQ(Names(mnt_), std::vector<std::string>{"f"}) << "no temporary name shows";
 }
 
 TEST_P(ContractTest, ExclusiveCreate) {
@@ -97,10 +97,10 @@ TEST_P(ContractTest, OpenFileSurvivesUnlink) {
   ASSERT_GE(fd, 0);
   ASSERT_EQ(unlink(M("f").c_str()), 0);
   EXPECT_EQ(Errno(access(M("f").c_str(), F_OK)), ENOENT);
-  EXPECT_TRUE(List(mnt_).empty());
+  EXPECT_TRUE(Names(mnt_).empty());
   EXPECT_EQ(ReadFd(fd), "hello\n");
   close(fd);
-  EXPECT_TRUE(List(mnt_).empty()) << "nothing is left behind at the last close";
+  EXPECT_TRUE(Names(mnt_).empty()) << "nothing is left behind at the last close";
 }
 
 TEST_P(ContractTest, AReaderHalfwayThroughALargeFileKeepsTheOldContent) {
@@ -120,7 +120,7 @@ TEST_P(ContractTest, AReaderHalfwayThroughALargeFileKeepsTheOldContent) {
   EXPECT_EQ(got.size(), old_content.size());
   EXPECT_TRUE(got == old_content) << "the old content, byte-exact";
   EXPECT_TRUE(Slurp(M("f")) == new_content);
-  EXPECT_EQ(List(mnt_), std::vector<std::string>{"f"});
+  EXPECT_EQ(Names(mnt_), std::vector<std::string>{"f"});
 }
 
 TEST_P(ContractTest, RenameFilesAndDirectories) {
@@ -137,7 +137,7 @@ TEST_P(ContractTest, RenameFilesAndDirectories) {
   Spit(M("h"), "h");
   ASSERT_EQ(rename(M("h").c_str(), M("c/g").c_str()), 0) << "a file replaces a file";
   EXPECT_EQ(Slurp(M("c/g")), "h");
-  EXPECT_EQ(List(mnt_), (std::vector<std::string>{"a", "c"}));
+  EXPECT_EQ(Names(mnt_), (std::vector<std::string>{"a", "c"}));
 }
 
 TEST_P(ContractTest, DirectoryErrors) {
@@ -150,7 +150,7 @@ TEST_P(ContractTest, DirectoryErrors) {
   EXPECT_EQ(Errno(mkdir(M("missing/d").c_str(), 0755)), ENOENT);
   ASSERT_EQ(unlink(M("d/f").c_str()), 0);
   EXPECT_EQ(rmdir(M("d").c_str()), 0);
-  EXPECT_TRUE(List(mnt_).empty());
+  EXPECT_TRUE(Names(mnt_).empty());
 }
 
 TEST_P(ContractTest, OverlongNamesAndSpecialFilesAreRefusedAtOnce) {
@@ -165,7 +165,7 @@ TEST_P(ContractTest, OverlongNamesAndSpecialFilesAreRefusedAtOnce) {
   EXPECT_EQ(Errno(link(M("f").c_str(), M("h").c_str())), EPERM);
   EXPECT_EQ(Errno(mkfifo(M("p").c_str(), 0644)), EPERM);
   EXPECT_EQ(Errno(mknod(M("n").c_str(), S_IFCHR | 0644, makedev(1, 3))), EPERM);
-  EXPECT_EQ(List(mnt_), std::vector<std::string>{"f"});
+  EXPECT_EQ(Names(mnt_), std::vector<std::string>{"f"});
 }
 
 TEST_P(ContractTest, TimesAreKept) {
@@ -207,9 +207,9 @@ TEST_P(ContractTest, WriteReadRenameDeleteRoundTrip) {
   EXPECT_TRUE(Slurp(M("dir/moved")) == data);
 
   ASSERT_EQ(unlink(M("dir/moved").c_str()), 0);
-  EXPECT_TRUE(List(M("dir")).empty());
+  EXPECT_TRUE(Names(M("dir")).empty());
   ASSERT_EQ(rmdir(M("dir").c_str()), 0);
-  EXPECT_TRUE(List(mnt_).empty());
+  EXPECT_TRUE(Names(mnt_).empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Plugins, ContractTest,

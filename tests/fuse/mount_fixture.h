@@ -2,7 +2,6 @@
 // kernel; skipped when /dev/fuse cannot be used here.
 #pragma once
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -59,29 +58,8 @@ inline int Errno(int result) {
   return result == -1 ? errno : 0;
 }
 
-// The names in `directory` without "." and "..", sorted.
-inline std::vector<std::string> List(const std::string& directory) {
-  std::vector<std::string> names;
-  DIR* dir = opendir(directory.c_str());
-  if (dir == nullptr) return names;
-  while (dirent* entry = readdir(dir)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  closedir(dir);
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-// Everything left to read from `fd`.
-inline std::string ReadFd(int fd) {
-  std::string out;
-  char buffer[65536];
-  ssize_t n;
-  while ((n = read(fd, buffer, sizeof buffer)) > 0)
-    out.append(buffer, static_cast<std::size_t>(n));
-  return out;
-}
+using test_support::Names;
+using test_support::ReadFd;
 
 // Writes all of `data` in writes of at most `chunk` bytes.
 inline bool WriteFd(int fd, const std::string& data, std::size_t chunk) {

@@ -26,8 +26,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using plughost_test::Errno;
-using plughost_test::List;
 using plughost_test::MountTest;
+using plughost_test::Names;
 using plughost_test::ReadFd;
 using plughost_test::Slurp;
 using plughost_test::Spit;
@@ -40,12 +40,12 @@ TEST_F(PosixTest, CreateWriteCloseReadBack) {
   struct stat st {};
   ASSERT_EQ(stat(M("f").c_str(), &st), 0) << "a created file is visible at once";
   EXPECT_TRUE(S_ISREG(st.st_mode));
-  EXPECT_EQ(List(mnt_), std::vector<std::string>{"f"});
+  EXPECT_EQ(Names(mnt_), std::vector<std::string>{"f"});
   ASSERT_EQ(write(fd, "hello", 5), 5);
   ASSERT_EQ(close(fd), 0);
   EXPECT_EQ(Slurp(M("f")), "hello");
   EXPECT_EQ(Slurp(R("f")), "hello");
-  EXPECT_EQ(List(root_), std::vector<std::string>{"f"}) << "no temporary name left";
+  EXPECT_EQ(Names(root_), std::vector<std::string>{"f"}) << "no temporary name left";
 }
 
 TEST_F(PosixTest, ExclusiveCreate) {
@@ -114,7 +114,7 @@ TEST_F(PosixTest, OpenFileSurvivesUnlink) {
   ASSERT_GE(fd, 0);
   ASSERT_EQ(unlink(M("f").c_str()), 0);
   EXPECT_EQ(Errno(access(M("f").c_str(), F_OK)), ENOENT);
-  EXPECT_TRUE(List(mnt_).empty());
+  EXPECT_TRUE(Names(mnt_).empty());
   struct stat st {};
   EXPECT_EQ(fstat(fd, &st), 0);
   EXPECT_EQ(st.st_size, 6);
@@ -182,7 +182,7 @@ TEST_F(PosixTest, LinksAndSpecialFilesAreRefusedAtOnce) {
   EXPECT_EQ(Errno(link(M("f").c_str(), M("h").c_str())), EPERM);
   EXPECT_EQ(Errno(mkfifo(M("p").c_str(), 0644)), EPERM);
   EXPECT_EQ(Errno(mknod(M("n").c_str(), S_IFCHR | 0644, makedev(1, 3))), EPERM);
-  EXPECT_EQ(List(mnt_), std::vector<std::string>{"f"});
+  EXPECT_EQ(Names(mnt_), std::vector<std::string>{"f"});
 }
 
 TEST_F(PosixTest, ModesAndOwnersAreAcceptedWithoutEffect) {
@@ -220,7 +220,7 @@ TEST_F(PosixTest, ListingsShowEveryEntryOnce) {
   for (int i = 0; i < 300; ++i)
     Spit(R("f" + std::to_string(i)), "");
   ASSERT_EQ(mkdir(M("sub").c_str(), 0755), 0);
-  std::vector<std::string> names = List(mnt_);
+  std::vector<std::string> names = Names(mnt_);
   EXPECT_EQ(names.size(), 301u);
   EXPECT_TRUE(std::adjacent_find(names.begin(), names.end()) == names.end());
 }

@@ -125,11 +125,7 @@ inline std::string RunUnprivileged(const std::function<std::string()>& body, std
     _exit(0);
   }
   close(pipe_fds[1]);
-  std::string text;
-  char buffer[4096];
-  ssize_t n;
-  while ((n = read(pipe_fds[0], buffer, sizeof buffer)) > 0)
-    text.append(buffer, static_cast<size_t>(n));
+  std::string text = test_support::ReadFd(pipe_fds[0]);
   close(pipe_fds[0]);
   int status = 0;
   waitpid(child, &status, 0);

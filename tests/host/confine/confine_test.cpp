@@ -406,11 +406,7 @@ std::string CaptureStderr(const std::function<void()>& body) {
   body();
   dup2(saved, STDERR_FILENO);
   close(saved);
-  std::string text;
-  char buffer[4096];
-  ssize_t n;
-  while ((n = read(fds[0], buffer, sizeof buffer)) > 0)
-    text.append(buffer, static_cast<size_t>(n));
+  std::string text = test_support::ReadFd(fds[0]);
   close(fds[0]);
   return text;
 }

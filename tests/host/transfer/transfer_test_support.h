@@ -31,6 +31,7 @@ constexpr long long kChunk = 524288;
 
 using test_support::Exists;
 using test_support::FillUp;
+using test_support::Names;
 using test_support::Pattern;
 using test_support::ReadFile;
 using test_support::WriteFile;
@@ -39,20 +40,6 @@ class TempDir : public test_support::TempDir {
  public:
   TempDir() : test_support::TempDir("plughost-transfer") {}
 };
-
-// Names in a local directory, sorted; "." and ".." left out.
-inline std::vector<std::string> Names(const std::string& dir) {
-  std::vector<std::string> names;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* entry = readdir(d)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    closedir(d);
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
 
 // A tmpfs whose root any user may write to.
 class Tmpfs : public test_support::Tmpfs {
