@@ -28,6 +28,7 @@
 #include "localdisk/local_disk.h"
 #include "protocol/host_interfaces.h"
 #include "protocol/records.h"
+#include "tests/support/cache_content.h"
 #include "tests/support/files.h"
 #include "tests/support/tmpfs.h"
 
@@ -51,12 +52,7 @@ class MemoryCache : public ICacheIO {
   int requests = 0;
   AERROR ReadCache(_FS_CACHE_READ* request) override {
     ++requests;
-    long long n = 0;
-    if (request->offset < static_cast<long long>(content_.size())) {
-      n = std::min<long long>(request->capacity,
-                              static_cast<long long>(content_.size()) - request->offset);
-      std::memcpy(request->buffer, content_.data() + request->offset, static_cast<size_t>(n));
-    }
+    const long long n = test_support::CopyWindow(content_, request);
     request->length = n;
     return SUCCESS;
   }

@@ -22,6 +22,7 @@
 #include "host/core/client.h"
 #include "host/core/plugin.h"
 #include "host/core/transfer.h"
+#include "tests/support/cache_content.h"
 #include "tests/support/files.h"
 #include "tests/support/tmpfs.h"
 
@@ -97,12 +98,7 @@ class Source : public ICacheIO {
   AERROR ReadCache(_FS_CACHE_READ* request) override {
     ++requests;
     if (mode_ == kFailAt && request->offset >= at_) return FAILED;
-    long long n = 0;
-    if (request->offset < static_cast<long long>(content_.size())) {
-      n = std::min<long long>(request->capacity,
-                              static_cast<long long>(content_.size()) - request->offset);
-      std::memcpy(request->buffer, content_.data() + request->offset, static_cast<size_t>(n));
-    }
+    const long long n = test_support::CopyWindow(content_, request);
     request->length = n;
     if (mode_ == kCancelAt && request->offset >= at_ && handle_) {
       handle_->state.store(FS_HANDLE_STOP);
