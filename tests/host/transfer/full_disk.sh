@@ -8,7 +8,9 @@
 #
 #   full_disk.sh PLUGHOST
 set -u
-plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/script.sh"
+plughost=$(absolute "$1")
 
 # The probe: root, a private mount namespace, a tmpfs of the asked size.
 if [ -z "${PLUGHOST_FULL_DISK_NAMESPACE:-}" ]; then
@@ -35,11 +37,6 @@ if [ "$(($(stat -f -c '%b * %S' "$work/fs")))" -ne $((64 * 1024 * 1024)) ]; then
   echo "FAIL: the tmpfs is not 64 MiB: $(df -B1 "$work/fs" | tail -1)" >&2
   exit 1
 fi
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 # Fills the file system holding $1 until about $2 MiB are left.
 fill_to() {

@@ -8,7 +8,9 @@
 #
 #   interrupt.sh PLUGHOST
 set -u
-plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/script.sh"
+plughost=$(absolute "$1")
 work=$(mktemp -d "${TMPDIR:-/tmp}/plughost-interrupt.XXXXXX")
 pid=
 trap '[ -n "$pid" ] && kill -9 "$pid" 2>/dev/null; rm -rf "$work"' EXIT
@@ -23,13 +25,8 @@ truncate -s "$size" "$local_dir/big.bin"
 truncate -s "$size" "$root/big.bin"
 printf 'the old version\n' >"$work/old"
 
-failures=0
 runs=0
 interrupted=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 # Starts "$@" in the background (its stderr in $work/err) and sends `signal`
 # at `moment`: 50ms, progress (the first progress line), later (0.3 s after it).
