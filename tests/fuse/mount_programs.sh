@@ -9,19 +9,9 @@ tool=$1
 plugin=$2
 program=$3
 
-skip() {
-  echo "SKIP: $*"
-  exit 77
-}
-fail() {
-  echo "FAIL: $*" >&2
-  exit 1
-}
-[ -c /dev/fuse ] || skip "/dev/fuse does not exist"
-{ [ -r /dev/fuse ] && [ -w /dev/fuse ]; } || skip "/dev/fuse is not usable by $(id -un)"
-if [ "$(id -u)" != 0 ] && ! command -v fusermount3 >/dev/null; then
-  skip "not root and no fusermount3"
-fi
+# shellcheck source=tests/fuse/mount_script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/mount_script.sh"
+require_fuse
 case $program in
   sqlite) command -v sqlite3 >/dev/null || skip "sqlite3 is not installed" ;;
   *) command -v "$program" >/dev/null || skip "$program is not installed" ;;
@@ -31,8 +21,6 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/fuse_programs.XXXXXX")
 root=$work/root
 mnt=$work/mnt
 mkdir -p "$root" "$mnt" "$work/cache"
-
-mounted() { awk -v m="$1" '$5 == m { found = 1 } END { exit !found }' /proc/self/mountinfo; }
 
 cleanup() {
   local status=$?
