@@ -65,6 +65,19 @@ expected_status() {
   esac
 }
 
+# After a transfer ended by `signal` ($status, $state and $what set): a
+# transfer that finished left the new file, one that was stopped ended with
+# the signal's status and left the old file.
+check_outcome() {
+  if [ "$status" -eq 0 ]; then
+    [ "$state" = new ] || fail "$what: exit 0 but the file is $state"
+  else
+    [ "$status" -eq "$(expected_status "$signal")" ] ||
+      fail "$what: exit $status, expected $(expected_status "$signal")"
+    [ "$state" = old ] || fail "$what: the file is $state, expected the old one"
+  fi
+}
+
 # The content of $1 is the old version or the complete new one ($2).
 old_or_new() {
   local file=$1 new=$2
@@ -87,13 +100,7 @@ for signal in INT TERM KILL; do
       --name existing
     state=$(old_or_new "$root/existing" "$local_dir/big.bin")
     left=$(temporaries "$root")
-    if [ "$status" -eq 0 ]; then
-      [ "$state" = new ] || fail "$what: exit 0 but the file is $state"
-    else
-      [ "$status" -eq "$(expected_status "$signal")" ] ||
-        fail "$what: exit $status, expected $(expected_status "$signal")"
-      [ "$state" = old ] || fail "$what: the file is $state, expected the old one"
-    fi
+    check_outcome
     if [ "$signal" = KILL ]; then
       [ "$left" -le 1 ] || fail "$what: $left temporary files"
     else
@@ -119,13 +126,7 @@ for signal in INT TERM KILL; do
     interrupt "$signal" "$moment" "$plughost" --root "$root" --progress get big.bin \
       "$local_dir/existing"
     state=$(old_or_new "$local_dir/existing" "$root/big.bin")
-    if [ "$status" -eq 0 ]; then
-      [ "$state" = new ] || fail "$what: exit 0 but the file is $state"
-    else
-      [ "$status" -eq "$(expected_status "$signal")" ] ||
-        fail "$what: exit $status, expected $(expected_status "$signal")"
-      [ "$state" = old ] || fail "$what: the file is $state, expected the old one"
-    fi
+    check_outcome
     # An unnamed temporary file (O_TMPFILE) leaves nothing, even when killed.
     names=$(find "$local_dir" -mindepth 1 -maxdepth 1 -printf '%f\n' | sort | tr '\n' ' ')
     [ "$names" = "big.bin existing " ] || fail "$what: the local directory holds: $names"
