@@ -83,29 +83,23 @@ class Broken final : public MemoryProtocol {
     if (code == SUCCESS) buffer[*length] = '\0';
     return code;
   }
-#elif defined(FAULT_PROGRESS_SHORT)
-  // Progress never reaches the total.
+#elif defined(FAULT_PROGRESS_SHORT) || defined(FAULT_IGNORE_CANCEL)
+  // Transfers run on a copy of the host's handle: with FAULT_PROGRESS_SHORT
+  // progress never reaches the total; with FAULT_IGNORE_CANCEL nobody stops it.
+  static std::shared_ptr<_FS_HANDLE> Faulty(const std::shared_ptr<_FS_HANDLE>& handle) {
+#if defined(FAULT_PROGRESS_SHORT)
+    return CopyHandle(handle, ShortProgress, true);
+#else
+    return CopyHandle(handle, nullptr, false);
+#endif
+  }
   AERROR Read(const char* path, long long offset, long long length,
               std::shared_ptr<_FS_HANDLE> handle, IFetchCallback* sink, char** msg) override {
-    return MemoryProtocol::Read(path, offset, length, CopyHandle(handle, ShortProgress, true), sink,
-                                msg);
+    return MemoryProtocol::Read(path, offset, length, Faulty(handle), sink, msg);
   }
   AERROR Upload(const char* parent, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* source,
                 _FS_FILE_V2* file, UPLOAD_FLAG flag, char** msg) override {
-    return MemoryProtocol::Upload(parent, CopyHandle(handle, ShortProgress, true), source, file,
-                                  flag, msg);
-  }
-#elif defined(FAULT_IGNORE_CANCEL)
-  // Transfers run on a handle that nobody stops.
-  AERROR Read(const char* path, long long offset, long long length,
-              std::shared_ptr<_FS_HANDLE> handle, IFetchCallback* sink, char** msg) override {
-    return MemoryProtocol::Read(path, offset, length, CopyHandle(handle, nullptr, false), sink,
-                                msg);
-  }
-  AERROR Upload(const char* parent, std::shared_ptr<_FS_HANDLE> handle, ICacheIO* source,
-                _FS_FILE_V2* file, UPLOAD_FLAG flag, char** msg) override {
-    return MemoryProtocol::Upload(parent, CopyHandle(handle, nullptr, false), source, file, flag,
-                                  msg);
+    return MemoryProtocol::Upload(parent, Faulty(handle), source, file, flag, msg);
   }
 #elif defined(FAULT_FAILED_UPLOAD_LEAVES_FILE)
   // A failed upload leaves an empty file behind.

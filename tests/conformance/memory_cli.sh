@@ -5,6 +5,8 @@
 #
 #   memory_cli.sh PLUGHOST LIBMEMORY
 set -u
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../support/script.sh"
 plughost=$(realpath "$1")
 memory=$(realpath "$2")
 
@@ -12,12 +14,6 @@ export TZ=UTC LC_ALL=C
 work=$(mktemp -d "${TMPDIR:-/tmp}/plughost-memory-cli.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 mkdir -p "$work/local"
-failures=0
-
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 # run NAME EXPECTED_EXIT ARGS...: runs plughost on the memory plug-in with
 # the scratch directory as working directory; stdout in $out, stderr in $err.

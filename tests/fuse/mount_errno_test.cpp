@@ -102,13 +102,8 @@ TEST_F(MountTest, ConcurrentReadersGetIdenticalBytes) {
     readers.emplace_back([&, i] {
       int fd = open((mnt_ + "/large").c_str(), O_RDONLY);
       if (fd < 0) return;
-      std::string out;
-      std::vector<char> buffer(1 << 20);
-      ssize_t n;
-      while ((n = read(fd, buffer.data(), buffer.size())) > 0)
-        out.append(buffer.data(), n);
+      got[i] = plughost_test::ReadFd(fd);
       close(fd);
-      got[i] = std::move(out);
     });
   }
   for (std::thread& reader : readers)

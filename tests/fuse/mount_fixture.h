@@ -6,11 +6,15 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -49,6 +53,25 @@ inline std::string Slurp(const std::string& path) {
 inline void Spit(const std::string& path, const std::string& data) {
   std::ofstream out(path, std::ios::binary);
   out << data;
+}
+
+// The error a call left, or 0 when it succeeded.
+inline int Errno(int result) {
+  return result == -1 ? errno : 0;
+}
+
+using test_support::Names;
+using test_support::ReadFd;
+
+// Writes all of `data` in writes of at most `chunk` bytes.
+inline bool WriteFd(int fd, const std::string& data, std::size_t chunk) {
+  for (std::size_t done = 0; done < data.size();) {
+    std::size_t want = std::min(chunk, data.size() - done);
+    ssize_t n = write(fd, data.data() + done, want);
+    if (n <= 0) return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
 }
 
 class MountTest : public ::testing::Test {
@@ -110,6 +133,46 @@ class MountTest : public ::testing::Test {
   }
 
   bool Mounted() const { return plughost::FindMount(mnt_).has_value(); }
+
+  // A path below the mount point and the same path below the served root.
+  std::string M(const std::string& relative) const { return mnt_ + "/" + relative; }
+  std::string R(const std::string& relative) const { return root_ + "/" + relative; }
+
+  // A file created through the mount shows at once and reads back what was written.
+  void CheckCreateWriteCloseReadBack() {
+    int fd = open(M("f").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+    ASSERT_GE(fd, 0);
+    struct stat st {};
+    ASSERT_EQ(stat(M("f").c_str(), &st), 0) << "a created file is visible at once";
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(Names(mnt_), std::vector<std::string>{"f"});
+    ASSERT_EQ(write(fd, "hello", 5), 5);
+    ASSERT_EQ(close(fd), 0);
+    EXPECT_EQ(Slurp(M("f")), "hello");
+  }
+
+  // mkdir, rmdir and unlink refuse with the errno that POSIX names.
+  void CheckDirectoryErrors() {
+    ASSERT_EQ(mkdir(M("d").c_str(), 0755), 0);
+    EXPECT_EQ(Errno(mkdir(M("d").c_str(), 0755)), EEXIST);
+    Spit(M("d/f"), "");
+    EXPECT_EQ(Errno(rmdir(M("d").c_str())), ENOTEMPTY);
+    EXPECT_EQ(Errno(rmdir(M("d/f").c_str())), ENOTDIR);
+    EXPECT_EQ(Errno(unlink(M("d").c_str())), EISDIR);
+    EXPECT_EQ(Errno(mkdir(M("missing/d").c_str(), 0755)), ENOENT);
+    ASSERT_EQ(unlink(M("d/f").c_str()), 0);
+    EXPECT_EQ(rmdir(M("d").c_str()), 0);
+  }
+
+  // Links, FIFOs and devices are refused with EPERM and leave nothing behind.
+  void CheckLinksAndSpecialFilesRefused() {
+    Spit(M("f"), "x");
+    EXPECT_EQ(Errno(symlink("f", M("s").c_str())), EPERM);
+    EXPECT_EQ(Errno(link(M("f").c_str(), M("h").c_str())), EPERM);
+    EXPECT_EQ(Errno(mkfifo(M("p").c_str(), 0644)), EPERM);
+    EXPECT_EQ(Errno(mknod(M("n").c_str(), S_IFCHR | 0644, makedev(1, 3))), EPERM);
+    EXPECT_EQ(Names(mnt_), std::vector<std::string>{"f"});
+  }
 
   // The plug-in that serves the mount; `root_` is given as its --root (a
   // plug-in that serves no local directory leaves it alone).

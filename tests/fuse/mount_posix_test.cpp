@@ -25,54 +25,19 @@
 namespace {
 
 namespace fs = std::filesystem;
+using plughost_test::Errno;
 using plughost_test::MountTest;
+using plughost_test::Names;
+using plughost_test::ReadFd;
 using plughost_test::Slurp;
 using plughost_test::Spit;
 
-class PosixTest : public MountTest {
- protected:
-  std::string M(const std::string& relative) const { return mnt_ + "/" + relative; }
-  std::string R(const std::string& relative) const { return root_ + "/" + relative; }
-
-  std::vector<std::string> List(const std::string& directory) const {
-    std::vector<std::string> names;
-    DIR* dir = opendir(directory.c_str());
-    if (dir == nullptr) return names;
-    while (dirent* entry = readdir(dir)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    closedir(dir);
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-
-  static std::string ReadFd(int fd) {
-    std::string out;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0)
-      out.append(buffer, static_cast<std::size_t>(n));
-    return out;
-  }
-};
-
-int Errno(int result) {
-  return result == -1 ? errno : 0;
-}
+class PosixTest : public MountTest {};
 
 TEST_F(PosixTest, CreateWriteCloseReadBack) {
-  int fd = open(M("f").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
-  ASSERT_GE(fd, 0);
-  struct stat st {};
-  ASSERT_EQ(stat(M("f").c_str(), &st), 0) << "a created file is visible at once";
-  EXPECT_TRUE(S_ISREG(st.st_mode));
-  EXPECT_EQ(List(mnt_), std::vector<std::string>{"f"});
-  ASSERT_EQ(write(fd, "hello", 5), 5);
-  ASSERT_EQ(close(fd), 0);
-  EXPECT_EQ(Slurp(M("f")), "hello");
+  ASSERT_NO_FATAL_FAILURE(CheckCreateWriteCloseReadBack());
   EXPECT_EQ(Slurp(R("f")), "hello");
-  EXPECT_EQ(List(root_), std::vector<std::string>{"f"}) << "no temporary name left";
+  EXPECT_EQ(Names(root_), std::vector<std::string>{"f"}) << "no temporary name left";
 }
 
 TEST_F(PosixTest, ExclusiveCreate) {
@@ -141,7 +106,7 @@ TEST_F(PosixTest, OpenFileSurvivesUnlink) {
   ASSERT_GE(fd, 0);
   ASSERT_EQ(unlink(M("f").c_str()), 0);
   EXPECT_EQ(Errno(access(M("f").c_str(), F_OK)), ENOENT);
-  EXPECT_TRUE(List(mnt_).empty());
+  EXPECT_TRUE(Names(mnt_).empty());
   struct stat st {};
   EXPECT_EQ(fstat(fd, &st), 0);
   EXPECT_EQ(st.st_size, 6);
@@ -180,15 +145,7 @@ TEST_F(PosixTest, RenameFilesAndDirectories) {
 }
 
 TEST_F(PosixTest, DirectoryErrors) {
-  ASSERT_EQ(mkdir(M("d").c_str(), 0755), 0);
-  EXPECT_EQ(Errno(mkdir(M("d").c_str(), 0755)), EEXIST);
-  Spit(M("d/f"), "");
-  EXPECT_EQ(Errno(rmdir(M("d").c_str())), ENOTEMPTY);
-  EXPECT_EQ(Errno(rmdir(M("d/f").c_str())), ENOTDIR);
-  EXPECT_EQ(Errno(unlink(M("d").c_str())), EISDIR);
-  EXPECT_EQ(Errno(mkdir(M("missing/d").c_str(), 0755)), ENOENT);
-  ASSERT_EQ(unlink(M("d/f").c_str()), 0);
-  EXPECT_EQ(rmdir(M("d").c_str()), 0);
+  ASSERT_NO_FATAL_FAILURE(CheckDirectoryErrors());
 }
 
 TEST_F(PosixTest, NamesLongerThan255BytesAreRefused) {
@@ -204,12 +161,7 @@ TEST_F(PosixTest, NamesLongerThan255BytesAreRefused) {
 }
 
 TEST_F(PosixTest, LinksAndSpecialFilesAreRefusedAtOnce) {
-  Spit(M("f"), "x");
-  EXPECT_EQ(Errno(symlink("f", M("s").c_str())), EPERM);
-  EXPECT_EQ(Errno(link(M("f").c_str(), M("h").c_str())), EPERM);
-  EXPECT_EQ(Errno(mkfifo(M("p").c_str(), 0644)), EPERM);
-  EXPECT_EQ(Errno(mknod(M("n").c_str(), S_IFCHR | 0644, makedev(1, 3))), EPERM);
-  EXPECT_EQ(List(mnt_), std::vector<std::string>{"f"});
+  ASSERT_NO_FATAL_FAILURE(CheckLinksAndSpecialFilesRefused());
 }
 
 TEST_F(PosixTest, ModesAndOwnersAreAcceptedWithoutEffect) {
@@ -247,7 +199,7 @@ TEST_F(PosixTest, ListingsShowEveryEntryOnce) {
   for (int i = 0; i < 300; ++i)
     Spit(R("f" + std::to_string(i)), "");
   ASSERT_EQ(mkdir(M("sub").c_str(), 0755), 0);
-  std::vector<std::string> names = List(mnt_);
+  std::vector<std::string> names = Names(mnt_);
   EXPECT_EQ(names.size(), 301u);
   EXPECT_TRUE(std::adjacent_find(names.begin(), names.end()) == names.end());
 }

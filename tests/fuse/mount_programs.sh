@@ -9,19 +9,9 @@ tool=$1
 plugin=$2
 program=$3
 
-skip() {
-  echo "SKIP: $*"
-  exit 77
-}
-fail() {
-  echo "FAIL: $*" >&2
-  exit 1
-}
-[ -c /dev/fuse ] || skip "/dev/fuse does not exist"
-{ [ -r /dev/fuse ] && [ -w /dev/fuse ]; } || skip "/dev/fuse is not usable by $(id -un)"
-if [ "$(id -u)" != 0 ] && ! command -v fusermount3 >/dev/null; then
-  skip "not root and no fusermount3"
-fi
+# shellcheck source=tests/fuse/mount_script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/mount_script.sh"
+require_fuse
 case $program in
   sqlite) command -v sqlite3 >/dev/null || skip "sqlite3 is not installed" ;;
   *) command -v "$program" >/dev/null || skip "$program is not installed" ;;
@@ -31,8 +21,6 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/fuse_programs.XXXXXX")
 root=$work/root
 mnt=$work/mnt
 mkdir -p "$root" "$mnt" "$work/cache"
-
-mounted() { awk -v m="$1" '$5 == m { found = 1 } END { exit !found }' /proc/self/mountinfo; }
 
 cleanup() {
   local status=$?
@@ -66,21 +54,24 @@ same_content() {
   diff -r "$1" "$2" >"$work/diff" || fail "$3: trees differ: $(head -5 "$work/diff")"
 }
 
+# copied_quietly WHAT NAME: WHAT said nothing on stderr ($work/err) and made
+# NAME on the mount a copy of the tree that kept modification times.
+copied_quietly() {
+  [ ! -s "$work/err" ] || fail "$1 complained: $(head -5 "$work/err")"
+  same_content "$tree" "$mnt/$2" "$1"
+  [ "$(stat -c %Y "$root/$2/src/file1.c")" = "$(stat -c %Y "$tree/src/file1.c")" ] ||
+    fail "$1: modification time not kept"
+}
+
 case $program in
   tar)
     tar -C "$work" -cf "$work/tree.tar" tree
     tar -C "$mnt" -xf "$work/tree.tar" 2>"$work/err" || fail "tar x: $(head -5 "$work/err")"
-    [ ! -s "$work/err" ] || fail "tar x complained: $(head -5 "$work/err")"
-    same_content "$tree" "$mnt/tree" "tar x"
-    [ "$(stat -c %Y "$root/tree/src/file1.c")" = "$(stat -c %Y "$tree/src/file1.c")" ] ||
-      fail "tar x: modification time not kept"
+    copied_quietly "tar x" tree
     ;;
   cp)
     cp -a "$tree" "$mnt/copy" 2>"$work/err" || fail "cp -a: $(head -5 "$work/err")"
-    [ ! -s "$work/err" ] || fail "cp -a complained: $(head -5 "$work/err")"
-    same_content "$tree" "$mnt/copy" "cp -a"
-    [ "$(stat -c %Y "$root/copy/src/file1.c")" = "$(stat -c %Y "$tree/src/file1.c")" ] ||
-      fail "cp -a: modification time not kept"
+    copied_quietly "cp -a" copy
     ;;
   rsync)
     rsync -a "$tree/" "$mnt/synced/" 2>"$work/err" || fail "rsync -a: $(head -5 "$work/err")"

@@ -11,15 +11,9 @@ tool=$1
 plugin=$2
 scenario=$3
 
-skip() {
-  echo "SKIP: $*"
-  exit 77
-}
-[ -c /dev/fuse ] || skip "/dev/fuse does not exist"
-{ [ -r /dev/fuse ] && [ -w /dev/fuse ]; } || skip "/dev/fuse is not usable by $(id -un)"
-if [ "$(id -u)" != 0 ] && ! command -v fusermount3 >/dev/null; then
-  skip "not root and no fusermount3"
-fi
+# shellcheck source=tests/fuse/mount_script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/mount_script.sh"
+require_fuse
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/fuse_session.XXXXXX")
 root=$work/root
@@ -28,8 +22,6 @@ cache=$work/cache
 mkdir -p "$root" "$mnt" "$cache"
 daemon=
 tmpfs_root=
-
-mounted() { awk -v m="$1" '$5 == m { found = 1 } END { exit !found }' /proc/self/mountinfo; }
 
 cleanup() {
   local status=$?
@@ -43,11 +35,6 @@ cleanup() {
   exit "$status"
 }
 trap cleanup EXIT
-
-fail() {
-  echo "FAIL: $*" >&2
-  exit 1
-}
 
 mount_it() {
   "$tool" --plugin "$plugin" --root "$root" mount "$mnt" --cache-dir "$cache" "$@"

@@ -5,8 +5,6 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,73 +28,22 @@
 #include "localdisk/local_disk.h"
 #include "protocol/host_interfaces.h"
 #include "protocol/records.h"
+#include "tests/support/cache_content.h"
 #include "tests/support/files.h"
+#include "tests/support/tmpfs.h"
 
 namespace hardening {
 
 constexpr long long kChunk = 524288;
 
 using test_support::Exists;
+using test_support::FillUp;
 using test_support::Pattern;
 using test_support::ReadFile;
 using test_support::TempDir;
 using test_support::WriteFile;
 
-// A tmpfs of `bytes` mounted on a directory inside `parent`, in a mount
-// namespace of this process's own where the kernel allows one (so nothing
-// leaks into the host's mount table even if the test dies), and unmounted at
-// the end. `reason` says why not when mounting is impossible.
-class PrivateTmpfs {
- public:
-  PrivateTmpfs(const std::string& parent, long long bytes) : path_(parent + "/tmpfs") {
-    if (geteuid() != 0) {
-      reason_ = "mounting a tmpfs needs root (CAP_SYS_ADMIN); running as uid " +
-                std::to_string(geteuid());
-      return;
-    }
-    if (mkdir(path_.c_str(), 0755) != 0) {
-      reason_ = std::string("mkdir failed: ") + std::strerror(errno);
-      return;
-    }
-    // Best effort: a private namespace, with propagation to the parent
-    // namespace switched off.
-    if (unshare(CLONE_NEWNS) == 0) mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-    const std::string options = "size=" + std::to_string(bytes) + ",mode=0755";
-    if (mount("tmpfs", path_.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
-      reason_ = std::string("mount of a tmpfs failed: ") + std::strerror(errno);
-      return;
-    }
-    mounted_ = true;
-  }
-  ~PrivateTmpfs() {
-    if (mounted_ && umount2(path_.c_str(), MNT_DETACH) != 0)
-      std::fprintf(stderr, "umount of %s failed: %s\n", path_.c_str(), std::strerror(errno));
-    rmdir(path_.c_str());
-  }
-  PrivateTmpfs(const PrivateTmpfs&) = delete;
-  PrivateTmpfs& operator=(const PrivateTmpfs&) = delete;
-
-  bool mounted() const { return mounted_; }
-  const std::string& reason() const { return reason_; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-  std::string reason_;
-  bool mounted_ = false;
-};
-
-// Writes `path` until the file system refuses, so that no block is left.
-inline void FillUp(const std::string& path) {
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  if (fd < 0) std::abort();
-  std::string block(4096, 'f');
-  for (size_t size = block.size(); size > 0; size /= 2) {
-    while (write(fd, block.data(), size) == static_cast<ssize_t>(size)) {
-    }
-  }
-  close(fd);
-}
+using test_support::Tmpfs;
 
 // A host cache that hands out `content` chunk by chunk.
 class MemoryCache : public ICacheIO {
@@ -105,12 +52,7 @@ class MemoryCache : public ICacheIO {
   int requests = 0;
   AERROR ReadCache(_FS_CACHE_READ* request) override {
     ++requests;
-    long long n = 0;
-    if (request->offset < static_cast<long long>(content_.size())) {
-      n = std::min<long long>(request->capacity,
-                              static_cast<long long>(content_.size()) - request->offset);
-      std::memcpy(request->buffer, content_.data() + request->offset, static_cast<size_t>(n));
-    }
+    const long long n = test_support::CopyWindow(content_, request);
     request->length = n;
     return SUCCESS;
   }
@@ -179,11 +121,7 @@ inline std::string RunUnprivileged(const std::function<std::string()>& body, std
     _exit(0);
   }
   close(pipe_fds[1]);
-  std::string text;
-  char buffer[4096];
-  ssize_t n;
-  while ((n = read(pipe_fds[0], buffer, sizeof buffer)) > 0)
-    text.append(buffer, static_cast<size_t>(n));
+  std::string text = test_support::ReadFd(pipe_fds[0]);
   close(pipe_fds[0]);
   int status = 0;
   waitpid(child, &status, 0);

@@ -19,7 +19,7 @@ using namespace hardening;
 class UploadOntoFullFs : public ::testing::Test {
  protected:
   void Mount(long long bytes) {
-    tmpfs_ = std::make_unique<PrivateTmpfs>(dir_.path(), bytes);
+    tmpfs_ = std::make_unique<Tmpfs>(dir_.path(), bytes);
     if (!tmpfs_->mounted()) GTEST_SKIP() << "no tmpfs for this test: " << tmpfs_->reason();
   }
   // The stdio buffer of a stream on the mount is one block of its file system.
@@ -38,7 +38,7 @@ class UploadOntoFullFs : public ::testing::Test {
   }
 
   TempDir dir_;
-  std::unique_ptr<PrivateTmpfs> tmpfs_;
+  std::unique_ptr<Tmpfs> tmpfs_;
   LocalDisk disk_{nullptr};
 };
 

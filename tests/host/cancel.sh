@@ -5,18 +5,15 @@
 #
 #   cancel.sh PLUGHOST
 set -u
-plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../support/script.sh"
+plughost=$(absolute "$1")
 work=$(mktemp -d "${TMPDIR:-/tmp}/plughost-cancel.XXXXXX")
 trap 'kill -9 $pid 2>/dev/null; rm -rf "$work"' EXIT
 pid=
 mkdir -p "$work/root" "$work/local"
 # Sparse, so that it costs no disk; big enough that reading it takes a while.
 truncate -s 64G "$work/root/huge.bin" 2>/dev/null || truncate -s 2G "$work/root/huge.bin"
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 # Waits until the transfer has drawn its first progress line.
 wait_for_progress() {

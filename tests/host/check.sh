@@ -8,16 +8,13 @@
 #
 # BROKEN_PLUGIN is the memory plug-in with a listing that drops an entry.
 set -u
-plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
-memory=$(cd "$(dirname "$2")" && pwd)/$(basename "$2")
-broken=$(cd "$(dirname "$3")" && pwd)/$(basename "$3")
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../support/script.sh"
+plughost=$(absolute "$1")
+memory=$(absolute "$2")
+broken=$(absolute "$3")
 work=$(mktemp -d "${TMPDIR:-/tmp}/plughost-check.XXXXXX")
 trap 'rm -rf "$work"' EXIT
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 # run NAME ARGS...: runs plughost in $work/run, output in $work/NAME.{out,err};
 # sets $rc.

@@ -11,17 +11,14 @@
 # PENDING names a library of the tool that still links liblocaldisk.so; while
 # it does, a mapping is reported as a skip (exit 77) naming it, not a pass.
 set -u
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../support/script.sh"
 plughost=$1
 memory=$2
 pending=${3:-}
 work=$(mktemp -d "${TMPDIR:-/tmp}/plughost-isolation.XXXXXX")
 trap 'rm -rf "$work"' EXIT
-failures=0
 mapped=()
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 if ! command -v readelf >/dev/null; then
   echo "SKIP: readelf is not installed" >&2

@@ -8,18 +8,15 @@
 # With MEMORY_PLUGIN, the bar of a put is checked on that plug-in too (its
 # storage lives in the process, so only the upload itself can be seen).
 set -u
-plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../support/script.sh"
+plughost=$(absolute "$1")
 memory=${2:-}
 work=$(mktemp -d "${TMPDIR:-/tmp}/plughost-pty.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 mkdir -p "$work/root" "$work/local"
 head -c $((24 * 1024 * 1024)) /dev/urandom >"$work/root/big.bin"
 cp "$work/root/big.bin" "$work/local/up.bin"
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 # Runs a command with a terminal as stdin/stdout/stderr; what the terminal
 # showed goes to $2. The command's own stdout is redirected to a file, so the

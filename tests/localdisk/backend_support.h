@@ -25,6 +25,7 @@
 
 #include "localdisk/local_disk.h"
 #include "protocol/host_interfaces.h"
+#include "tests/support/cache_content.h"
 #include "tests/support/files.h"
 #include "tests/support/time_zone.h"
 
@@ -164,12 +165,7 @@ class MemoryCache : public ICacheIO {
                         request->handle.use_count(),
                         {request->reserved[0], request->reserved[1], request->reserved[2]}});
     if (fail_at != 0 && requests.size() == fail_at) return FAILED;
-    long long n = 0;
-    if (request->offset < static_cast<long long>(content_.size())) {
-      n = std::min<long long>(request->capacity,
-                              static_cast<long long>(content_.size()) - request->offset);
-      std::memcpy(request->buffer, content_.data() + request->offset, static_cast<size_t>(n));
-    }
+    const long long n = test_support::CopyWindow(content_, request);
     request->length = force_length >= 0 ? force_length : n;
     if (cancel_at != 0 && requests.size() == cancel_at && request->handle)
       request->handle->state.store(3);

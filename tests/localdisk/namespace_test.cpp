@@ -77,11 +77,7 @@ TEST_F(Namespace, MoveIntoTheRootRefillsFromDoubleSlash) {
     _exit(0);
   }
   close(fds[1]);
-  std::string report;
-  char buffer[256];
-  ssize_t n;
-  while ((n = read(fds[0], buffer, sizeof buffer)) > 0)
-    report.append(buffer, n);
+  const std::string report = test_support::ReadFd(fds[0]);
   close(fds[0]);
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);

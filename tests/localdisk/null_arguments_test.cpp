@@ -126,6 +126,16 @@ int Code(AERROR result) {
   return static_cast<int>(result);
 }
 
+// One row per pointer position of a call: `cases[i]` names the row that puts
+// null at position i and what it expects; `call(w, i)` makes that call.
+void AddPerPosition(std::vector<Row>& rows, const std::vector<std::pair<std::string, int>>& cases,
+                    const std::function<int(World&, int)>& call) {
+  for (int position = 0; position < static_cast<int>(cases.size()); ++position) {
+    rows.push_back({cases[position].first, cases[position].second,
+                    [call, position](World& w) { return call(w, position); }});
+  }
+}
+
 std::vector<Row> ProtocolRows() {
   std::vector<Row> rows = {
       {"GetUserInfo(null, length)", INSUFFICIENT_BUFFER,
@@ -249,85 +259,52 @@ std::vector<Row> ProtocolRows() {
          _FS_FILE_V2 file = w.Record(w.dir_d, "d");
          return Code(w.protocol->DeleteDirectory(&file, nullptr));
        }},
-      {"Read(null, .., handle, sink, msg)", INVALID_PARAMETER,
-       [](World& w) {
-         char* msg = nullptr;
-         return Code(w.protocol->Read(nullptr, 0, 3, MakeHandle(), &w.sink, &msg));
-       }},
-      {"Read(path, .., null handle, sink, msg)", SUCCESS,
-       [](World& w) {
-         char* msg = nullptr;
-         return Code(w.protocol->Read(w.file_a.c_str(), 0, 3, nullptr, &w.sink, &msg));
-       }},
-      {"Read(path, .., handle, null, msg)", INVALID_PARAMETER,
-       [](World& w) {
-         char* msg = nullptr;
-         return Code(w.protocol->Read(w.file_a.c_str(), 0, 3, MakeHandle(), nullptr, &msg));
-       }},
-      {"Read(path, .., handle, sink, null)", SUCCESS,
-       [](World& w) {
-         return Code(w.protocol->Read(w.file_a.c_str(), 0, 3, MakeHandle(), &w.sink, nullptr));
-       }},
-      {"Upload(null, handle, source, file, flag, msg)", INVALID_PARAMETER,
-       [](World& w) {
-         MemoryCache cache("xyz");
-         _FS_FILE_V2 file = w.Record("", "up.txt");
-         file.size = 3;
-         char* msg = nullptr;
-         return Code(
-             w.protocol->Upload(nullptr, MakeHandle(), &cache, &file, UPLOAD_FLAG_NONE, &msg));
-       }},
-      {"Upload(parent, null handle, source, file, flag, msg)", SUCCESS,
-       [](World& w) {
-         MemoryCache cache("xyz");
-         _FS_FILE_V2 file = w.Record("", "up.txt");
-         file.size = 3;
-         char* msg = nullptr;
-         return Code(
-             w.protocol->Upload(w.root.c_str(), nullptr, &cache, &file, UPLOAD_FLAG_NONE, &msg));
-       }},
-      {"Upload(parent, handle, null, file, flag, msg)", INVALID_PARAMETER,
-       [](World& w) {
-         _FS_FILE_V2 file = w.Record("", "up.txt");
-         file.size = 3;
-         char* msg = nullptr;
-         return Code(w.protocol->Upload(w.root.c_str(), MakeHandle(), nullptr, &file,
-                                        UPLOAD_FLAG_NONE, &msg));
-       }},
-      {"Upload(parent, handle, source, null, flag, msg)", INVALID_PARAMETER,
-       [](World& w) {
-         MemoryCache cache("xyz");
-         char* msg = nullptr;
-         return Code(w.protocol->Upload(w.root.c_str(), MakeHandle(), &cache, nullptr,
-                                        UPLOAD_FLAG_NONE, &msg));
-       }},
-      {"Upload(parent, handle, source, file, flag, null)", SUCCESS,
-       [](World& w) {
-         MemoryCache cache("xyz");
-         _FS_FILE_V2 file = w.Record("", "up.txt");
-         file.size = 3;
-         return Code(w.protocol->Upload(w.root.c_str(), MakeHandle(), &cache, &file,
-                                        UPLOAD_FLAG_NONE, nullptr));
-       }},
-      {"SetFileTime(null, .., file, msg)", INVALID_PARAMETER,
-       [](World& w) {
-         _FS_FILE_V2 file;
-         char* msg = nullptr;
-         return Code(w.protocol->SetFileTime(nullptr, "", "2020-01-01T00:00:00.000Z",
-                                             "2020-01-01T00:00:00.000Z", &file, &msg));
-       }},
-      {"SetFileTime(path, .., null, msg)", SUCCESS,
-       [](World& w) {
-         char* msg = nullptr;
-         return Code(w.protocol->SetFileTime(w.file_a.c_str(), "", "2020-01-01T00:00:00.000Z",
-                                             "2020-01-01T00:00:00.000Z", nullptr, &msg));
-       }},
-      {"SetFileTime(path, .., file, null)", SUCCESS,
-       [](World& w) {
-         _FS_FILE_V2 file;
-         return Code(w.protocol->SetFileTime(w.file_a.c_str(), "", "2020-01-01T00:00:00.000Z",
-                                             "2020-01-01T00:00:00.000Z", &file, nullptr));
-       }},
+  };
+  rows.insert(rows.end(), more.begin(), more.end());
+
+  AddPerPosition(rows,
+                 {{"Read(null, .., handle, sink, msg)", INVALID_PARAMETER},
+                  {"Read(path, .., null handle, sink, msg)", SUCCESS},
+                  {"Read(path, .., handle, null, msg)", INVALID_PARAMETER},
+                  {"Read(path, .., handle, sink, null)", SUCCESS}},
+                 [](World& w, int position) {
+                   char* msg = nullptr;
+                   return Code(w.protocol->Read(position == 0 ? nullptr : w.file_a.c_str(), 0, 3,
+                                                position == 1 ? nullptr : MakeHandle(),
+                                                position == 2 ? nullptr : &w.sink,
+                                                position == 3 ? nullptr : &msg));
+                 });
+  AddPerPosition(rows,
+                 {{"Upload(null, handle, source, file, flag, msg)", INVALID_PARAMETER},
+                  {"Upload(parent, null handle, source, file, flag, msg)", SUCCESS},
+                  {"Upload(parent, handle, null, file, flag, msg)", INVALID_PARAMETER},
+                  {"Upload(parent, handle, source, null, flag, msg)", INVALID_PARAMETER},
+                  {"Upload(parent, handle, source, file, flag, null)", SUCCESS}},
+                 [](World& w, int position) {
+                   MemoryCache cache("xyz");
+                   _FS_FILE_V2 file = w.Record("", "up.txt");
+                   file.size = 3;
+                   char* msg = nullptr;
+                   return Code(w.protocol->Upload(position == 0 ? nullptr : w.root.c_str(),
+                                                  position == 1 ? nullptr : MakeHandle(),
+                                                  position == 2 ? nullptr : &cache,
+                                                  position == 3 ? nullptr : &file, UPLOAD_FLAG_NONE,
+                                                  position == 4 ? nullptr : &msg));
+                 });
+  AddPerPosition(rows,
+                 {{"SetFileTime(null, .., file, msg)", INVALID_PARAMETER},
+                  {"SetFileTime(path, .., null, msg)", SUCCESS},
+                  {"SetFileTime(path, .., file, null)", SUCCESS}},
+                 [](World& w, int position) {
+                   _FS_FILE_V2 file;
+                   char* msg = nullptr;
+                   return Code(w.protocol->SetFileTime(
+                       position == 0 ? nullptr : w.file_a.c_str(), "", "2020-01-01T00:00:00.000Z",
+                       "2020-01-01T00:00:00.000Z", position == 1 ? nullptr : &file,
+                       position == 2 ? nullptr : &msg));
+                 });
+
+  const std::vector<Row> rest = {
       {"SetOpt(null, value)", INVALID_PARAMETER,
        [](World& w) { return Code(w.protocol->SetOpt(nullptr, "/elsewhere")); }},
       {"SetOpt(null, null)", INVALID_PARAMETER,
@@ -384,7 +361,7 @@ std::vector<Row> ProtocolRows() {
          return Code(w.protocol->GetShareableLink(nullptr, link));
        }},
   };
-  rows.insert(rows.end(), more.begin(), more.end());
+  rows.insert(rows.end(), rest.begin(), rest.end());
 
   // A null value for every option the object or its base knows, and for one
   // that nobody knows. Options whose value is read refuse it; the token

@@ -1,9 +1,13 @@
 // Real temporary directories and small file helpers shared by the test suites.
 #pragma once
 
+#include <dirent.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -74,6 +78,32 @@ inline std::string ReadFile(const std::string& path) {
     content.append(buffer, n);
   std::fclose(f);
   return content;
+}
+
+// Everything left to read from `fd`: from a pipe, all that was written until
+// its write end closed. A read that a signal interrupts is retried.
+inline std::string ReadFd(int fd) {
+  std::string out;
+  char buffer[65536];
+  ssize_t n;
+  while ((n = read(fd, buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR)) {
+    if (n > 0) out.append(buffer, static_cast<size_t>(n));
+  }
+  return out;
+}
+
+// Names in a directory, sorted; "." and ".." left out.
+inline std::vector<std::string> Names(const std::string& directory) {
+  std::vector<std::string> names;
+  if (DIR* dir = opendir(directory.c_str())) {
+    while (dirent* entry = readdir(dir)) {
+      std::string name = entry->d_name;
+      if (name != "." && name != "..") names.push_back(name);
+    }
+    closedir(dir);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 inline bool Exists(const std::string& path) {

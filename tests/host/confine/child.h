@@ -12,6 +12,8 @@
 #include <functional>
 #include <string>
 
+#include "tests/support/files.h"
+
 namespace confine_test {
 
 struct ChildResult {
@@ -68,11 +70,7 @@ inline ChildResult RunInChild(const std::function<void(Failures&)>& body) {
   }
   close(fds[1]);
   ChildResult result;
-  char buffer[4096];
-  ssize_t n;
-  while ((n = read(fds[0], buffer, sizeof buffer)) > 0 || (n < 0 && errno == EINTR)) {
-    if (n > 0) result.failures.append(buffer, static_cast<size_t>(n));
-  }
+  result.failures = test_support::ReadFd(fds[0]);
   close(fds[0]);
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {

@@ -83,6 +83,21 @@ void ClearSwitch() {
   unsetenv(plughost::kConfineEnvironment);
 }
 
+// Confines this process to `root`; true when Confine refused with an error
+// whose text holds `cause`. What an accepted call returned goes to `confined`.
+bool Refused(const std::string& root, const std::string& cause = "",
+             ConfineResult* confined = nullptr) {
+  ConfineRequest request;
+  request.root = root;
+  try {
+    ConfineResult result = Confine(request);
+    if (confined != nullptr) *confined = result;
+    return false;
+  } catch (const std::runtime_error& error) {
+    return std::string(error.what()).find(cause) != std::string::npos;
+  }
+}
+
 // A storage root with an outside world next to it:
 //   base/root/{file, sub/inner}  base/outside/{secret, dir/deep}
 class ConfineTest : public ::testing::Test {
@@ -355,14 +370,7 @@ TEST_F(ConfineTest, OtherThreadsAreRefused) {
       std::unique_lock<std::mutex> hold(lock);
       wake.wait(hold, [&] { return done; });
     });
-    bool threw = false;
-    try {
-      ConfineRequest request;
-      request.root = root_;
-      Confine(request);
-    } catch (const std::runtime_error& error) {
-      threw = std::string(error.what()).find("threads") != std::string::npos;
-    }
+    bool threw = Refused(root_, "threads");
     {
       std::lock_guard<std::mutex> hold(lock);
       done = true;
@@ -380,15 +388,7 @@ TEST_F(ConfineTest, OtherThreadsAreRefused) {
 TEST_F(ConfineTest, MissingRootIsAnError) {
   auto result = RunInChild([&](Failures& f) {
     ClearSwitch();
-    ConfineRequest request;
-    request.root = base_ / "no-such-root";
-    bool threw = false;
-    try {
-      Confine(request);
-    } catch (const std::runtime_error&) {
-      threw = true;
-    }
-    f.Expect(threw, "confined to a missing root");
+    f.Expect(Refused(base_ / "no-such-root"), "confined to a missing root");
   });
   EXPECT_TRUE(result.exited);
   EXPECT_EQ(result.failures, "");
@@ -406,11 +406,7 @@ std::string CaptureStderr(const std::function<void()>& body) {
   body();
   dup2(saved, STDERR_FILENO);
   close(saved);
-  std::string text;
-  char buffer[4096];
-  ssize_t n;
-  while ((n = read(fds[0], buffer, sizeof buffer)) > 0)
-    text.append(buffer, static_cast<size_t>(n));
+  std::string text = test_support::ReadFd(fds[0]);
   close(fds[0]);
   return text;
 }
@@ -445,15 +441,8 @@ TEST(ConfineFallback, LandlockDemandedByTheEnvironment) {
   TempDir base;
   auto result = RunInChild([&](Failures& f) {
     setenv(plughost::kConfineEnvironment, "landlock", 1);
-    ConfineRequest request;
-    request.root = base.path();
-    bool threw = false;
     ConfineResult confined;
-    try {
-      confined = Confine(request);
-    } catch (const std::runtime_error&) {
-      threw = true;
-    }
+    bool threw = Refused(base.path(), "", &confined);
     if (plughost::LandlockAvailable()) {
       f.Expect(!threw && confined.mode == ConfineMode::kLandlock, "not confined with Landlock");
     } else {
@@ -468,15 +457,7 @@ TEST(ConfineFallback, UnknownSwitchValueIsAnError) {
   TempDir base;
   auto result = RunInChild([&](Failures& f) {
     setenv(plughost::kConfineEnvironment, "off", 1);
-    ConfineRequest request;
-    request.root = base.path();
-    bool threw = false;
-    try {
-      Confine(request);
-    } catch (const std::runtime_error& error) {
-      threw = std::string(error.what()).find("PLUGHOST_CONFINE=off") != std::string::npos;
-    }
-    f.Expect(threw, "PLUGHOST_CONFINE=off accepted");
+    f.Expect(Refused(base.path(), "PLUGHOST_CONFINE=off"), "PLUGHOST_CONFINE=off accepted");
   });
   EXPECT_TRUE(result.exited);
   EXPECT_EQ(result.failures, "");

@@ -7,7 +7,9 @@
 #
 #   escape.sh PLUGHOST
 set -u
-plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/script.sh"
+plughost=$(absolute "$1")
 export TZ=UTC LC_ALL=C
 unset PLUGHOST_CONFINE
 
@@ -37,12 +39,6 @@ ln -s sub "$root/in"
 ln -s "$root/sub" "$root/inabs"
 ln -s file "$root/inf"
 ln -s ../file "$root/sub/upf"
-
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 # Everything about the outside tree that an escape could change.
 snapshot() {

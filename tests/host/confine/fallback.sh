@@ -6,7 +6,9 @@
 #
 #   fallback.sh PLUGHOST
 set -u
-plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/script.sh"
+plughost=$(absolute "$1")
 export TZ=UTC LC_ALL=C
 unset PLUGHOST_CONFINE
 
@@ -24,12 +26,6 @@ ln -s ../outside/secret "$root/relf"
 ln -s "$out/created" "$root/dangling"
 ln -s sub "$root/in"
 ln -s file "$root/inf"
-
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 run() {
   "$plughost" --root "$root" "$@" >"$work/stdout" 2>"$work/stderr" </dev/null

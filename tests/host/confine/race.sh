@@ -6,7 +6,9 @@
 #
 #   race.sh PLUGHOST [CAT_RUNS] [PUT_RUNS]
 set -u
-plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/script.sh"
+plughost=$(absolute "$1")
 cat_runs=${2:-200}
 put_runs=${3:-100}
 export TZ=UTC LC_ALL=C
@@ -42,12 +44,6 @@ swap_loop() {
     ln -sfn "$target" "$root/.link-$name"
     mv -Tf "$root/.link-$name" "$root/$name"
   done
-}
-
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
 }
 
 # --- cat ----------------------------------------------------------------------------

@@ -5,7 +5,9 @@
 #
 #   concurrent.sh PLUGHOST
 set -u
-plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/script.sh"
+plughost=$(absolute "$1")
 work=$(mktemp -d "${TMPDIR:-/tmp}/plughost-concurrent.XXXXXX")
 trap 'kill $(jobs -p) 2>/dev/null; rm -rf "$work"' EXIT
 root=$work/root
@@ -15,11 +17,6 @@ head -c $((3 * 1024 * 1024 + 17)) /dev/urandom >"$work/a/version"
 head -c $((5 * 1024 * 1024 + 3)) /dev/urandom >"$work/b/version"
 cp "$work/a/version" "$root/shared.bin"
 rounds=60
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 one_version() {
   cmp -s "$1" "$work/a/version" || cmp -s "$1" "$work/b/version"

@@ -8,7 +8,9 @@
 #
 #   full_disk.sh PLUGHOST
 set -u
-plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/script.sh"
+plughost=$(absolute "$1")
 
 # The probe: root, a private mount namespace, a tmpfs of the asked size.
 if [ -z "${PLUGHOST_FULL_DISK_NAMESPACE:-}" ]; then
@@ -35,11 +37,6 @@ if [ "$(($(stat -f -c '%b * %S' "$work/fs")))" -ne $((64 * 1024 * 1024)) ]; then
   echo "FAIL: the tmpfs is not 64 MiB: $(df -B1 "$work/fs" | tail -1)" >&2
   exit 1
 fi
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 # Fills the file system holding $1 until about $2 MiB are left.
 fill_to() {
@@ -51,6 +48,20 @@ fill_to() {
 }
 free_bytes() { echo $(($(stat -f -c '%a * %S' "$1"))); }
 
+# expect_kept WHAT DIR OLD MESSAGE: the transfer that just ran ($status, its
+# stderr in $work/err) failed with exit 1 and MESSAGE, DIR/big.bin still
+# holds OLD, DIR holds nothing but big.bin and filler, and the free space is
+# back at $before.
+expect_kept() {
+  local what=$1 dir=$2 old=$3 message=$4 left
+  [ "$status" -eq 1 ] || fail "$what: exit $status, expected 1"
+  grep -qxF "$message" "$work/err" || fail "$what said: $(cat "$work/err")"
+  cmp -s "$dir/big.bin" "$old" || fail "$what: the existing file changed"
+  left=$(find "$dir" -mindepth 1 -printf '%f\n' | sort | tr '\n' ' ')
+  [ "$left" = "big.bin filler " ] || fail "$what: $dir holds: $left"
+  [ "$(free_bytes "$dir")" -eq "$before" ] || fail "$what: space not given back"
+}
+
 # --- put into a nearly full root -------------------------------------------------
 root=$work/fs/root
 mkdir -p "$root"
@@ -61,13 +72,8 @@ head -c $((50 * 1000 * 1000)) /dev/urandom >"$work/disk/new.bin"
 before=$(free_bytes "$root")
 "$plughost" --root "$root" put "$work/disk/new.bin" / --name big.bin >"$work/out" 2>"$work/err"
 status=$?
-[ "$status" -eq 1 ] || fail "put: exit $status, expected 1"
-grep -qxF "plughost: put /big.bin: failed for lack of space on the storage; the existing file was kept" \
-  "$work/err" || fail "put said: $(cat "$work/err")"
-cmp -s "$root/big.bin" "$work/disk/old.bin" || fail "put: the existing file changed"
-left=$(find "$root" -mindepth 1 -printf '%f\n' | sort | tr '\n' ' ')
-[ "$left" = "big.bin filler " ] || fail "put: the root holds: $left"
-[ "$(free_bytes "$root")" -eq "$before" ] || fail "put: space not given back"
+expect_kept put "$root" "$work/disk/old.bin" \
+  "plughost: put /big.bin: failed for lack of space on the storage; the existing file was kept"
 
 # What fits still goes in, replacing the old file whole.
 head -c $((1024 * 1024)) /dev/urandom >"$work/disk/small.bin"
@@ -94,13 +100,8 @@ fill_to "$work/fs/local/filler" 30
 before=$(free_bytes "$work/fs/local")
 (cd "$work/fs/local" && "$plughost" --root "$storage" get big.bin) >"$work/out" 2>"$work/err"
 status=$?
-[ "$status" -eq 1 ] || fail "get: exit $status, expected 1"
-grep -qxF "plughost: get big.bin: failed for lack of space on the local disk; the existing file was kept" \
-  "$work/err" || fail "get said: $(cat "$work/err")"
-cmp -s "$work/fs/local/big.bin" "$work/disk/old-local.bin" || fail "get: the existing file changed"
-left=$(find "$work/fs/local" -mindepth 1 -printf '%f\n' | sort | tr '\n' ' ')
-[ "$left" = "big.bin filler " ] || fail "get: the directory holds: $left"
-[ "$(free_bytes "$work/fs/local")" -eq "$before" ] || fail "get: space not given back"
+expect_kept get "$work/fs/local" "$work/disk/old-local.bin" \
+  "plughost: get big.bin: failed for lack of space on the local disk; the existing file was kept"
 
 [ $failures -eq 0 ] || exit 1
 echo "full disk: put and get of 50 MB keep the existing file and say space ran out"

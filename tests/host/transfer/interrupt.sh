@@ -8,7 +8,9 @@
 #
 #   interrupt.sh PLUGHOST
 set -u
-plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/script.sh"
+plughost=$(absolute "$1")
 work=$(mktemp -d "${TMPDIR:-/tmp}/plughost-interrupt.XXXXXX")
 pid=
 trap '[ -n "$pid" ] && kill -9 "$pid" 2>/dev/null; rm -rf "$work"' EXIT
@@ -23,13 +25,8 @@ truncate -s "$size" "$local_dir/big.bin"
 truncate -s "$size" "$root/big.bin"
 printf 'the old version\n' >"$work/old"
 
-failures=0
 runs=0
 interrupted=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 # Starts "$@" in the background (its stderr in $work/err) and sends `signal`
 # at `moment`: 50ms, progress (the first progress line), later (0.3 s after it).
@@ -68,6 +65,19 @@ expected_status() {
   esac
 }
 
+# After a transfer ended by `signal` ($status, $state and $what set): a
+# transfer that finished left the new file, one that was stopped ended with
+# the signal's status and left the old file.
+check_outcome() {
+  if [ "$status" -eq 0 ]; then
+    [ "$state" = new ] || fail "$what: exit 0 but the file is $state"
+  else
+    [ "$status" -eq "$(expected_status "$signal")" ] ||
+      fail "$what: exit $status, expected $(expected_status "$signal")"
+    [ "$state" = old ] || fail "$what: the file is $state, expected the old one"
+  fi
+}
+
 # The content of $1 is the old version or the complete new one ($2).
 old_or_new() {
   local file=$1 new=$2
@@ -90,13 +100,7 @@ for signal in INT TERM KILL; do
       --name existing
     state=$(old_or_new "$root/existing" "$local_dir/big.bin")
     left=$(temporaries "$root")
-    if [ "$status" -eq 0 ]; then
-      [ "$state" = new ] || fail "$what: exit 0 but the file is $state"
-    else
-      [ "$status" -eq "$(expected_status "$signal")" ] ||
-        fail "$what: exit $status, expected $(expected_status "$signal")"
-      [ "$state" = old ] || fail "$what: the file is $state, expected the old one"
-    fi
+    check_outcome
     if [ "$signal" = KILL ]; then
       [ "$left" -le 1 ] || fail "$what: $left temporary files"
     else
@@ -122,13 +126,7 @@ for signal in INT TERM KILL; do
     interrupt "$signal" "$moment" "$plughost" --root "$root" --progress get big.bin \
       "$local_dir/existing"
     state=$(old_or_new "$local_dir/existing" "$root/big.bin")
-    if [ "$status" -eq 0 ]; then
-      [ "$state" = new ] || fail "$what: exit 0 but the file is $state"
-    else
-      [ "$status" -eq "$(expected_status "$signal")" ] ||
-        fail "$what: exit $status, expected $(expected_status "$signal")"
-      [ "$state" = old ] || fail "$what: the file is $state, expected the old one"
-    fi
+    check_outcome
     # An unnamed temporary file (O_TMPFILE) leaves nothing, even when killed.
     names=$(find "$local_dir" -mindepth 1 -maxdepth 1 -printf '%f\n' | sort | tr '\n' ' ')
     [ "$names" = "big.bin existing " ] || fail "$what: the local directory holds: $names"

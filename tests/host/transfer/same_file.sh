@@ -6,7 +6,9 @@
 #
 #   same_file.sh PLUGHOST
 set -u
-plughost=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+# shellcheck source=tests/support/script.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../../support/script.sh"
+plughost=$(absolute "$1")
 work=$(mktemp -d "${TMPDIR:-/tmp}/plughost-same.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 root=$work/root
@@ -15,11 +17,6 @@ printf 'the report\n' >"$root/report.txt"
 printf 'my notes\n' >"$root/notes.txt"
 printf 'deep\n' >"$root/docs/deep.txt"
 ln "$root/notes.txt" "$work/notes-link.txt"
-failures=0
-fail() {
-  echo "FAIL: $*" >&2
-  failures=$((failures + 1))
-}
 
 # Runs plughost in `dir`; stdout+stderr in $work/out, the status in $status.
 run_in() {

@@ -4,8 +4,6 @@
 #pragma once
 
 #include <dirent.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -24,13 +22,17 @@
 #include "host/core/client.h"
 #include "host/core/plugin.h"
 #include "host/core/transfer.h"
+#include "tests/support/cache_content.h"
 #include "tests/support/files.h"
+#include "tests/support/tmpfs.h"
 
 namespace transfer_test {
 
 constexpr long long kChunk = 524288;
 
 using test_support::Exists;
+using test_support::FillUp;
+using test_support::Names;
 using test_support::Pattern;
 using test_support::ReadFile;
 using test_support::WriteFile;
@@ -40,78 +42,11 @@ class TempDir : public test_support::TempDir {
   TempDir() : test_support::TempDir("plughost-transfer") {}
 };
 
-// Names in a local directory, sorted; "." and ".." left out.
-inline std::vector<std::string> Names(const std::string& dir) {
-  std::vector<std::string> names;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* entry = readdir(d)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    closedir(d);
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-// A tmpfs of `bytes` on `parent`/tmpfs, in a mount namespace of this
-// process's own where possible (nothing leaks into the host's mount table
-// even if the test dies), unmounted at the end. Mounting needs root;
-// `reason()` says why it is not mounted.
-class Tmpfs {
+// A tmpfs whose root any user may write to.
+class Tmpfs : public test_support::Tmpfs {
  public:
-  Tmpfs(const std::string& parent, long long bytes) : path_(parent + "/tmpfs") {
-    if (mkdir(path_.c_str(), 0755) != 0) {
-      reason_ = std::string("mkdir failed: ") + std::strerror(errno);
-      return;
-    }
-    if (geteuid() != 0) {
-      reason_ = "mounting a tmpfs needs root (CAP_SYS_ADMIN); running as uid " +
-                std::to_string(geteuid());
-      return;
-    }
-    if (unshare(CLONE_NEWNS) == 0) mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
-    const std::string options = "size=" + std::to_string(bytes) + ",mode=0777";
-    if (mount("tmpfs", path_.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
-      reason_ = std::string("mount of a tmpfs failed: ") + std::strerror(errno);
-      return;
-    }
-    mounted_ = true;
-  }
-  ~Tmpfs() {
-    if (mounted_) umount2(path_.c_str(), MNT_DETACH);
-    rmdir(path_.c_str());
-  }
-  Tmpfs(const Tmpfs&) = delete;
-  Tmpfs& operator=(const Tmpfs&) = delete;
-
-  bool mounted() const { return mounted_; }
-  const std::string& reason() const { return reason_; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-  std::string reason_;
-  bool mounted_ = false;
+  Tmpfs(const std::string& parent, long long bytes) : test_support::Tmpfs(parent, bytes, "0777") {}
 };
-
-// Writes `path` until the file system refuses, leaving `keep` bytes free
-// (roughly: to a block).
-inline void FillUp(const std::string& path, unsigned long long keep = 0) {
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) std::abort();
-  std::string block(65536, 'f');
-  for (size_t size = block.size(); size > 0; size /= 2) {
-    for (;;) {
-      struct statvfs vfs {};
-      if (fstatvfs(fd, &vfs) != 0) break;
-      unsigned long long free = vfs.f_bfree * vfs.f_frsize;
-      if (free < keep + size) break;
-      if (write(fd, block.data(), size) != static_cast<ssize_t>(size)) break;
-    }
-  }
-  close(fd);
-}
 
 // The localdisk plug-in over a fresh root directory.
 class LocalDiskTest : public ::testing::Test {
@@ -163,12 +98,7 @@ class Source : public ICacheIO {
   AERROR ReadCache(_FS_CACHE_READ* request) override {
     ++requests;
     if (mode_ == kFailAt && request->offset >= at_) return FAILED;
-    long long n = 0;
-    if (request->offset < static_cast<long long>(content_.size())) {
-      n = std::min<long long>(request->capacity,
-                              static_cast<long long>(content_.size()) - request->offset);
-      std::memcpy(request->buffer, content_.data() + request->offset, static_cast<size_t>(n));
-    }
+    const long long n = test_support::CopyWindow(content_, request);
     request->length = n;
     if (mode_ == kCancelAt && request->offset >= at_ && handle_) {
       handle_->state.store(FS_HANDLE_STOP);
