@@ -223,9 +223,9 @@ case_touch() {
   ph cat new.txt
   note "# relative dates read against a frozen clock (2024-05-06 15:00:00 UTC)"
   record "touch a.txt --date 'yesterday noon'" \
-    faketime '2024-05-06 15:00:00' "$plughost" --root "$root" touch a.txt --date 'yesterday noon'
+    faketime -f '2024-05-06 15:00:00' "$plughost" --root "$root" touch a.txt --date 'yesterday noon'
   record "touch a.txt --date '3 days ago'" \
-    faketime '2024-05-06 15:00:00' "$plughost" --root "$root" touch a.txt --date '3 days ago'
+    faketime -f '2024-05-06 15:00:00' "$plughost" --root "$root" touch a.txt --date '3 days ago'
   note "# summer time: the time set is the moment named, whatever the zone"
   record "touch a.txt --date '2024-07-01 12:00:00 +0000' (TZ=Europe/Berlin)" \
     env TZ=Europe/Berlin "$plughost" --root "$root" touch a.txt --date '2024-07-01 12:00:00 +0000'
