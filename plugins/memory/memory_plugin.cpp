@@ -1,12 +1,10 @@
-// The eight entry points the host looks up by name after loading the
-// plug-in. They are all the plug-in exports (see memory.map), they have C
-// linkage and none lets an exception escape.
-#include <cstdlib>
+// The two entry points that name the protocol: they create the object and
+// give its type name. The other six, which every variant of this plug-in
+// shares, are in memory_exports.cpp. All eight are the plug-in's only exports
+// (see memory.map); they have C linkage and none lets an exception escape.
 #include <cstring>
-#include <mutex>
 
 #include "plugins/memory/memory_protocol.h"
-#include "protocol/log.h"
 #include "protocol/plugin.h"
 
 extern "C" {
@@ -23,35 +21,6 @@ bool GetProtocol(IProtocolManager* manager, IProtocol_V2** out) {
 
 void GetSupportProtocol(char** out) {
   if (out != nullptr) *out = strdup(MemoryProtocol::TypeName());  // freed with FreeP
-}
-
-void FreeP(void* p) {
-  std::free(p);
-}
-
-int GetAuthType() {
-  return 0;  // no authentication
-}
-
-AERROR GetAuthFields(char*, int*) {
-  return NOT_SUPPORTED;
-}
-
-AERROR GetOptFields(char*, int*) {
-  return NOT_SUPPORTED;
-}
-
-// The logger is process-wide and shared with the protocol layer's helpers.
-bool BindLogger(ILog* log) {
-  if (log == nullptr) return false;
-  std::lock_guard<std::mutex> guard(ll);
-  logger.store(log, std::memory_order_release);
-  return true;
-}
-
-void UnbindLogger() {
-  std::lock_guard<std::mutex> guard(ll);
-  logger.store(nullptr, std::memory_order_release);
 }
 
 }  // extern "C"

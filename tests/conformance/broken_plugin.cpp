@@ -168,32 +168,4 @@ void GetSupportProtocol(char** out) {
   if (out != nullptr) *out = strdup(MemoryProtocol::TypeName());
 }
 
-void FreeP(void* p) {
-  std::free(p);
-}
-
-int GetAuthType() {
-  return 0;
-}
-
-AERROR GetAuthFields(char*, int*) {
-  return NOT_SUPPORTED;
-}
-
-AERROR GetOptFields(char*, int*) {
-  return NOT_SUPPORTED;
-}
-
-bool BindLogger(ILog* log) {
-  if (log == nullptr) return false;
-  std::lock_guard<std::mutex> guard(ll);
-  logger.store(log, std::memory_order_release);
-  return true;
-}
-
-void UnbindLogger() {
-  std::lock_guard<std::mutex> guard(ll);
-  logger.store(nullptr, std::memory_order_release);
-}
-
 }  // extern "C"
