@@ -93,7 +93,32 @@ std::string DescribeConfinement(const ConfineResult& result);
 //   other   the root or a component cannot be examined (errno).
 // An absolute target counts as beneath the root only when it starts with the
 // root's canonical path.
+// The kernel answers most paths in one openat2(RESOLVE_BENEATH); the rest
+// (absolute links back into the root, kernels before 5.6) take a walk one
+// component at a time.
 int CheckBeneath(const std::string& root, const std::string& relative, bool no_follow_links);
+
+// The same walk without the kernel's shortcut, for kernels that lack it and
+// for tests that hold both answers side by side.
+int CheckBeneathByWalk(const std::string& root, const std::string& relative, bool no_follow_links);
+
+// CheckBeneath for a process that checks often (a mount checks at every
+// create): the root stays open, so a check costs one system call more than
+// the path's own lookup. It judges the directory that was the root when it
+// was made, as the kernel's Landlock rule does.
+class BeneathChecker {
+ public:
+  explicit BeneathChecker(std::string root);
+  ~BeneathChecker();
+  BeneathChecker(const BeneathChecker&) = delete;
+  BeneathChecker& operator=(const BeneathChecker&) = delete;
+
+  int Check(const std::string& relative, bool no_follow_links) const;
+
+ private:
+  std::string root_;
+  int fd_ = -1;  // -1: the root could not be opened; checks go by path
+};
 
 // Text for a CheckBeneath result, for "<operation> <path>: <text>".
 std::string BeneathErrorText(int error, bool no_follow_links);

@@ -17,9 +17,38 @@ using plughost::CheckBeneath;
 using test_support::TempDir;
 using test_support::WriteFile;
 
+// The three ways to ask, which must agree everywhere: by path (the kernel's
+// openat2 answer with the walk behind it), the walk alone (kernels without
+// openat2), and a checker holding the root open (the mount).
+enum class Way { kByPath, kByWalk, kHeldRoot };
+
+std::string WayName(const ::testing::TestParamInfo<Way>& info) {
+  switch (info.param) {
+    case Way::kByPath:
+      return "ByPath";
+    case Way::kByWalk:
+      return "ByWalk";
+    case Way::kHeldRoot:
+      return "HeldRoot";
+  }
+  return "Unknown";
+}
+
+int CheckWith(Way way, const std::string& root, const std::string& relative, bool no_follow) {
+  switch (way) {
+    case Way::kByPath:
+      return CheckBeneath(root, relative, no_follow);
+    case Way::kByWalk:
+      return plughost::CheckBeneathByWalk(root, relative, no_follow);
+    case Way::kHeldRoot:
+      return plughost::BeneathChecker(root).Check(relative, no_follow);
+  }
+  return -1;
+}
+
 // base/root: file, sub/{inner, deeper/}, and links made by each test;
 // base/outside: secret, dir/.
-class CheckBeneathTest : public ::testing::Test {
+class CheckBeneathTest : public ::testing::TestWithParam<Way> {
  protected:
   void SetUp() override {
     root_ = base_ / "root";
@@ -38,7 +67,7 @@ class CheckBeneathTest : public ::testing::Test {
   }
 
   int Check(const std::string& relative, bool no_follow = false) {
-    return CheckBeneath(root_, relative, no_follow);
+    return CheckWith(GetParam(), root_, relative, no_follow);
   }
 
   TempDir base_;
@@ -46,7 +75,7 @@ class CheckBeneathTest : public ::testing::Test {
   std::string outside_;
 };
 
-TEST_F(CheckBeneathTest, PlainPathsPass) {
+TEST_P(CheckBeneathTest, PlainPathsPass) {
   EXPECT_EQ(Check(""), 0);
   EXPECT_EQ(Check("file"), 0);
   EXPECT_EQ(Check("sub"), 0);
@@ -56,14 +85,14 @@ TEST_F(CheckBeneathTest, PlainPathsPass) {
 
 // What does not exist yet cannot lead anywhere: it is made where the path
 // stops, beneath the root.
-TEST_F(CheckBeneathTest, MissingComponentsPass) {
+TEST_P(CheckBeneathTest, MissingComponentsPass) {
   EXPECT_EQ(Check("new"), 0);
   EXPECT_EQ(Check("sub/new"), 0);
   EXPECT_EQ(Check("missing/deeper/new"), 0);
   EXPECT_EQ(Check("file/below-a-file"), 0);
 }
 
-TEST_F(CheckBeneathTest, AbsoluteLinksOutAreRefused) {
+TEST_P(CheckBeneathTest, AbsoluteLinksOutAreRefused) {
   Link(outside_, "abs-dir");
   Link(outside_ + "/secret", "abs-file");
   Link("/", "slash");
@@ -76,7 +105,7 @@ TEST_F(CheckBeneathTest, AbsoluteLinksOutAreRefused) {
   EXPECT_EQ(Check("etc/passwd"), EXDEV);
 }
 
-TEST_F(CheckBeneathTest, RelativeLinksOutAreRefused) {
+TEST_P(CheckBeneathTest, RelativeLinksOutAreRefused) {
   Link("../outside", "rel-dir");
   Link("../outside/secret", "rel-file");
   Link("..", "parent");
@@ -92,7 +121,7 @@ TEST_F(CheckBeneathTest, RelativeLinksOutAreRefused) {
 }
 
 // A dangling link is judged by where its target would be made.
-TEST_F(CheckBeneathTest, DanglingLinks) {
+TEST_P(CheckBeneathTest, DanglingLinks) {
   Link(outside_ + "/created-by-link", "dangling-abs");
   Link("../outside/made", "dangling-rel");
   Link("/nonexistent-top/x", "dangling-top");
@@ -105,7 +134,7 @@ TEST_F(CheckBeneathTest, DanglingLinks) {
   EXPECT_EQ(Check("dangling-in-abs"), 0);
 }
 
-TEST_F(CheckBeneathTest, LinksThatStayInsidePass) {
+TEST_P(CheckBeneathTest, LinksThatStayInsidePass) {
   Link("file", "rel");
   Link("sub", "rel-dir");
   Link(root_ + "/sub", "abs-dir");
@@ -125,7 +154,7 @@ TEST_F(CheckBeneathTest, LinksThatStayInsidePass) {
 
 // ".." in a target climbs from where the link resolved, as the kernel does,
 // not from the text: the same words can stay inside or lead out.
-TEST_F(CheckBeneathTest, DotDotFollowsTheResolvedDirectory) {
+TEST_P(CheckBeneathTest, DotDotFollowsTheResolvedDirectory) {
   Link("sub/deeper", "d");
   Link("d/../../file", "physical-inside");  // sub/deeper/../../file = file
   Link("d/../../../outside", "physical-outside");
@@ -138,7 +167,7 @@ TEST_F(CheckBeneathTest, DotDotFollowsTheResolvedDirectory) {
 
 // The absolute form of the root counts only as its canonical path, and a
 // name that merely begins with the root's name is not beneath it.
-TEST_F(CheckBeneathTest, RootPrefixIsMatchedByComponent) {
+TEST_P(CheckBeneathTest, RootPrefixIsMatchedByComponent) {
   ASSERT_EQ(mkdir((base_ / "root-sibling").c_str(), 0755), 0);
   Link(base_ / "root-sibling", "sibling");
   Link(root_ + "//sub//inner", "double-slashes");
@@ -150,17 +179,17 @@ TEST_F(CheckBeneathTest, RootPrefixIsMatchedByComponent) {
 
 // The root may be named through a link of its own; targets are compared
 // with the canonical root.
-TEST_F(CheckBeneathTest, RootNamedThroughALink) {
+TEST_P(CheckBeneathTest, RootNamedThroughALink) {
   std::string alias = base_ / "alias";
   ASSERT_EQ(symlink(root_.c_str(), alias.c_str()), 0);
   Link(root_ + "/file", "abs-in");
   Link(outside_, "abs-out");
-  EXPECT_EQ(CheckBeneath(alias, "abs-in", false), 0);
-  EXPECT_EQ(CheckBeneath(alias, "abs-out/secret", false), EXDEV);
-  EXPECT_EQ(CheckBeneath(base_ / "no-such-root", "file", false), ENOENT);
+  EXPECT_EQ(CheckWith(GetParam(), alias, "abs-in", false), 0);
+  EXPECT_EQ(CheckWith(GetParam(), alias, "abs-out/secret", false), EXDEV);
+  EXPECT_EQ(CheckWith(GetParam(), base_ / "no-such-root", "file", false), ENOENT);
 }
 
-TEST_F(CheckBeneathTest, LoopsEndWithEloop) {
+TEST_P(CheckBeneathTest, LoopsEndWithEloop) {
   Link("loop-b", "loop-a");
   Link("loop-a", "loop-b");
   Link("me/x", "me");
@@ -168,7 +197,7 @@ TEST_F(CheckBeneathTest, LoopsEndWithEloop) {
   EXPECT_EQ(Check("me"), ELOOP);
 }
 
-TEST_F(CheckBeneathTest, NoFollowRefusesEveryLink) {
+TEST_P(CheckBeneathTest, NoFollowRefusesEveryLink) {
   Link("file", "rel");
   Link("sub", "rel-dir");
   Link(outside_, "abs-out");
@@ -181,6 +210,35 @@ TEST_F(CheckBeneathTest, NoFollowRefusesEveryLink) {
   EXPECT_EQ(Check("sub/inner", true), 0);
   EXPECT_EQ(Check("sub/new", true), 0);
   EXPECT_EQ(Check("", true), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, CheckBeneathTest,
+                         ::testing::Values(Way::kByPath, Way::kByWalk, Way::kHeldRoot), WayName);
+
+// The held root stays the directory it was when the checker was made, as
+// the kernel's confinement rule does: a directory moved in under the root's
+// name later is not what it judges.
+TEST(BeneathChecker, KeepsTheDirectoryItOpened) {
+  TempDir base;
+  const std::string root = base / "root";
+  ASSERT_EQ(mkdir(root.c_str(), 0755), 0);
+  WriteFile(root + "/file", "inside");
+  plughost::BeneathChecker checker(root);
+  ASSERT_EQ(rename(root.c_str(), (base / "moved").c_str()), 0);
+  ASSERT_EQ(mkdir(root.c_str(), 0755), 0);
+  ASSERT_EQ(symlink("/", (root + "/out").c_str()), 0);  // only in the new directory
+  EXPECT_EQ(checker.Check("file", false), 0);
+  EXPECT_EQ(checker.Check("out/etc", false), 0);  // not there in the held root: missing
+  EXPECT_EQ(CheckBeneath(root, "out/etc", false), EXDEV);
+}
+
+// Without the root there is nothing to hold: checks go by path.
+TEST(BeneathChecker, AMissingRootIsCheckedByPath) {
+  TempDir base;
+  plughost::BeneathChecker checker(base / "later");
+  EXPECT_EQ(checker.Check("x", false), ENOENT);
+  ASSERT_EQ(mkdir((base / "later").c_str(), 0755), 0);
+  EXPECT_EQ(checker.Check("x", false), 0);
 }
 
 TEST(BeneathErrorText, NamesTheReason) {
