@@ -94,6 +94,13 @@ _FS_FILE_V2 Client::Info(const std::string& path, const Context& context) {
   return file;
 }
 
+AERROR Client::TryInfo(const std::string& path, _FS_FILE_V2* file) {
+  char* msg = nullptr;
+  AERROR code = protocol_->GetFileInfo(path.c_str(), file, &msg);
+  TakeMessage(msg);
+  return code;
+}
+
 std::vector<_FS_FILE_V2> Client::List(const std::string& path, const Context& context) {
   CollectingFileList list;
   char* msg = nullptr;

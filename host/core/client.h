@@ -41,6 +41,9 @@ class Client {
   std::string Pid();
 
   _FS_FILE_V2 Info(const std::string& path, const Context& context);
+  // The same without an exception, for callers that expect "not found" often
+  // (a mount answers a lookup of a missing name at every create).
+  AERROR TryInfo(const std::string& path, _FS_FILE_V2* file);
   // Entries in the order the plug-in delivers them.
   std::vector<_FS_FILE_V2> List(const std::string& path, const Context& context);
   // Hands each entry to `on_file` as the plug-in delivers it, keeping none:

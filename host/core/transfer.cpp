@@ -51,12 +51,12 @@ std::string DescribeCode(Client& client, AERROR code, const std::string& message
 }
 
 std::optional<_FS_FILE_V2> Existing(Client& client, const std::string& path) {
-  try {
-    return client.Info(path, {"check", path});
-  } catch (const ProtocolError& error) {
-    if (error.code() == FILE_NOT_FOUND) return std::nullopt;
-    throw;
-  }
+  // Most uploads make a new file: "not found" is the common answer here.
+  _FS_FILE_V2 file;
+  AERROR code = client.TryInfo(path, &file);
+  if (code == FILE_NOT_FOUND) return std::nullopt;
+  if (code != SUCCESS) return client.Info(path, {"check", path});  // throws with the message
+  return file;
 }
 
 std::string DescribeOutcome(TransferStatus status, bool existed, const std::string& reason,
@@ -316,6 +316,48 @@ std::string ReplaceResult::Describe() const {
                                               : "");
 }
 
+namespace {
+
+// An empty new file has no partial state anyone could see, so it is made
+// under its own name: a temporary name and a rename would only cost a
+// second directory change per file (a mount creating many files feels it).
+// A file made under that name meanwhile is replaced either way.
+ReplaceResult CreateEmpty(Client& client, const ReplaceRequest& request,
+                          const std::shared_ptr<_FS_HANDLE>& handle, ReplaceResult result) {
+  const std::string final_path = Join(request.parent, request.name);
+  WatchedSource source(request.source, request.local_root);
+  _FS_FILE_V2 uploaded;
+  uploaded.name = request.name;
+  uploaded.size = 0;
+  std::string message;
+  AERROR code = client.Upload(request.parent, handle, &source, &uploaded, request.flag, &message);
+  if (code != SUCCESS) {
+    // Nothing is removed: whatever a failed empty upload left under the name
+    // is empty, as wanted, or somebody else's file.
+    result.status = code == UPLOAD_CANCELED ? TransferStatus::kCancelled : TransferStatus::kFailed;
+    result.step = "upload";
+    result.code = code;
+    result.message = message;
+    result.reason =
+        code == UPLOAD_CANCELED ? "cancelled" : "failed: " + DescribeCode(client, code, message);
+    return result;
+  }
+  const bool sync = request.sync && !request.local_root.empty();
+  if (sync && !SyncLocal(final_path, O_RDONLY)) {
+    result.warning = std::string("cannot sync ") + final_path + ": " + std::strerror(errno);
+  }
+  if (sync && !SyncLocal(request.parent, O_RDONLY | O_DIRECTORY)) {
+    result.warning =
+        std::string("cannot sync the directory ") + request.parent + ": " + std::strerror(errno);
+  }
+  result.file = uploaded;
+  result.status = TransferStatus::kDone;
+  result.code = SUCCESS;
+  return result;
+}
+
+}  // namespace
+
 ReplaceResult ReplaceFile(Client& client, const ReplaceRequest& request) {
   ReplaceResult result;
   std::shared_ptr<_FS_HANDLE> handle =
@@ -338,6 +380,10 @@ ReplaceResult ReplaceFile(Client& client, const ReplaceRequest& request) {
     return result;
   };
 
+  if (request.known_new && request.size == 0) {
+    if (Stopped(*handle)) return cancel();
+    return CreateEmpty(client, request, handle, result);
+  }
   // What is at the final name now decides what a failure keeps.
   try {
     if (std::optional<_FS_FILE_V2> existing = Existing(client, final_path)) {
@@ -352,6 +398,7 @@ ReplaceResult ReplaceFile(Client& client, const ReplaceRequest& request) {
     return fail("check", error.code(), error.message(), DescribeError(client, error));
   }
   if (Stopped(*handle)) return cancel();
+  if (!result.existed && request.size == 0) return CreateEmpty(client, request, handle, result);
 
   // 1. The whole content under a temporary name.
   std::string temporary = TemporaryNameFor(request.name);

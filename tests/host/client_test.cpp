@@ -71,6 +71,15 @@ TEST_F(LocalDiskClient, MissingEntryThrowsWithOperationPathAndName) {
   }
 }
 
+TEST_F(LocalDiskClient, TryInfoDescribesOrSaysNotFound) {
+  test_support::WriteFile(dir_ / "a.txt", "hello");
+  _FS_FILE_V2 file;
+  ASSERT_EQ(client_->TryInfo(dir_ / "a.txt", &file), SUCCESS);
+  EXPECT_EQ(file.name, "a.txt");
+  EXPECT_EQ(file.size, 5);
+  EXPECT_EQ(client_->TryInfo(dir_ / "missing", &file), FILE_NOT_FOUND);
+}
+
 TEST_F(LocalDiskClient, ListsAndDescribes) {
   test_support::WriteFile(dir_ / "a.txt", "hello");
   std::vector<_FS_FILE_V2> files = client_->List(dir_.path(), {"ls", "/"});
@@ -170,6 +179,20 @@ TEST(CountingClient, MessagesAreFreedWithFreeMsg) {
   EXPECT_THROW(client.List("/x", {"ls", "x"}), ProtocolError);
   EXPECT_EQ(Counter("CountingMessagesOut"), out + 2);
   EXPECT_EQ(Counter("CountingMessagesFreed"), freed + 2);
+}
+
+// The form without an exception, for lookups that miss often: the code comes
+// back, and the plug-in's message is still freed through FreeMsg.
+TEST(CountingClient, TryInfoReturnsTheCodeAndFreesTheMessage) {
+  Plugin plugin = Plugin::Load(COUNTING_PLUGIN);
+  plughost::MemoryConfiguration config;
+  Client client(plugin, plugin.CreateProtocol(&config));
+  int out = Counter("CountingMessagesOut");
+  int freed = Counter("CountingMessagesFreed");
+  _FS_FILE_V2 file;
+  EXPECT_EQ(client.TryInfo("/x", &file), FILE_NOT_FOUND);
+  EXPECT_EQ(Counter("CountingMessagesOut"), out + 1);
+  EXPECT_EQ(Counter("CountingMessagesFreed"), freed + 1);
 }
 
 TEST(CountingClient, UnterminatedTextsComeBackByLength) {

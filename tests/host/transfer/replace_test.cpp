@@ -2,7 +2,10 @@
 // holds the complete old or the complete new content, whatever stops the
 // transfer (a cancel at several moments, a source failing at several chunks,
 // a full file system, a concurrent writer), and nothing temporary remains.
+#include <sys/inotify.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -132,6 +135,98 @@ TEST_F(Replace, EmptyContent) {
   ASSERT_TRUE(Put("a.txt", "").ok());
   EXPECT_EQ(ReadFile(Local("a.txt")), "");
   EXPECT_TRUE(Temporaries().empty());
+}
+
+// The names the root directory saw created or moved in while `action` ran.
+template <typename Action>
+std::vector<std::string> NamesMadeDuring(const std::string& directory, Action action) {
+  int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  EXPECT_GE(watch, 0);
+  EXPECT_GE(inotify_add_watch(watch, directory.c_str(), IN_CREATE | IN_MOVED_TO), 0);
+  action();
+  std::vector<std::string> names;
+  alignas(inotify_event) char buffer[8192];
+  for (;;) {
+    ssize_t n = read(watch, buffer, sizeof buffer);
+    if (n <= 0) break;
+    for (ssize_t at = 0; at < n;) {
+      const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+      names.emplace_back(event->len > 0 ? event->name : "");
+      at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+    }
+  }
+  close(watch);
+  return names;
+}
+
+// An empty file has no partial state to hide: a new one is made under its
+// own name, with no temporary name and no move.
+TEST_F(Replace, ANewEmptyFileIsMadeInPlace) {
+  ReplaceResult result;
+  std::vector<std::string> made = NamesMadeDuring(root_, [&] { result = Put("empty", ""); });
+  ASSERT_TRUE(result.ok()) << result.Describe();
+  EXPECT_FALSE(result.existed);
+  EXPECT_EQ(result.file.id, root_id_ + "/empty");
+  EXPECT_EQ(result.file.size, 0);
+  EXPECT_EQ(result.Describe(), "created");
+  EXPECT_THAT(made, ::testing::ElementsAre("empty"));
+  EXPECT_EQ(ReadFile(Local("empty")), "");
+}
+
+// Over an existing file the empty content still goes through a temporary
+// name: the old file's mode and owner carry over as for any other content.
+TEST_F(Replace, AnEmptyReplacementGoesThroughATemporaryName) {
+  WriteFile(Local("a.txt"), "old");
+  chmod(Local("a.txt").c_str(), 0640);
+  ReplaceResult result;
+  Source source("");
+  std::vector<std::string> made =
+      NamesMadeDuring(root_, [&] { result = Put("a.txt", &source, 0, nullptr, root_); });
+  ASSERT_TRUE(result.ok()) << result.Describe();
+  EXPECT_TRUE(result.existed);
+  ASSERT_EQ(made.size(), 2u);
+  EXPECT_THAT(made[0], ::testing::MatchesRegex("\\.a\\.txt\\.plughost-.{6}\\.partial"));
+  EXPECT_EQ(made[1], "a.txt");
+  struct stat st {};
+  ASSERT_EQ(stat(Local("a.txt").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+}
+
+// A caller that made the name itself skips the check; the result is the same.
+TEST_F(Replace, AKnownNewEmptyFileSkipsTheCheck) {
+  Source source("");
+  ReplaceRequest request;
+  request.parent = root_id_;
+  request.name = "known";
+  request.source = &source;
+  request.known_new = true;
+  ReplaceResult result = ReplaceFile(*client_, request);
+  ASSERT_TRUE(result.ok()) << result.Describe();
+  EXPECT_EQ(result.file.id, root_id_ + "/known");
+  EXPECT_EQ(ReadFile(Local("known")), "");
+}
+
+TEST_F(Replace, ANewEmptyFileInAMissingDirectoryFailsAndMakesNothing) {
+  Source source("");
+  ReplaceRequest request;
+  request.parent = root_id_ + "/missing";
+  request.name = "x";
+  request.source = &source;
+  ReplaceResult result = ReplaceFile(*client_, request);
+  EXPECT_EQ(result.status, TransferStatus::kFailed);
+  EXPECT_EQ(result.code, FILE_NOT_FOUND);
+  EXPECT_EQ(result.step, "upload");
+  EXPECT_THAT(result.Describe(), HasSubstr("AERROR::FILE_NOT_FOUND"));
+  EXPECT_TRUE(Names(root_).empty());
+}
+
+TEST_F(Replace, ANewEmptyFileCancelledBeforeTheStartMakesNothing) {
+  auto handle = std::make_shared<_FS_HANDLE>();
+  handle->state.store(FS_HANDLE_STOP);
+  Source source("");
+  ReplaceResult result = Put("x", &source, 0, handle);
+  EXPECT_EQ(result.status, TransferStatus::kCancelled);
+  EXPECT_TRUE(Names(root_).empty());
 }
 
 TEST_F(Replace, IntoASubdirectory) {
