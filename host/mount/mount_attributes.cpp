@@ -10,12 +10,9 @@
 namespace plughost {
 
 void MountFs::PendingStat(const OpenNode& node, struct stat* st) const {
-  _FS_FILE_V2 file;
-  file.type = 1;
-  file.size = node.size.load();
+  FillStatShape(false, node.size.load(), settings_.owner, st);
   time_t written = node.written.load();
-  file.modify_time = FileTimeText(written != 0 ? written : time(nullptr));
-  FillStat(file, settings_.owner, st);
+  if (written == 0) written = time(nullptr);
   st->st_atim = st->st_mtim = st->st_ctim = {written, 0};
   OverlayStaged(node, st);
 }
@@ -207,6 +204,18 @@ int MountFs::Utimens(const char* path, std::uint64_t fh, const struct timespec t
     }
   }
   if (omit[0] && omit[1]) return 0;
+  const bool both_now =
+      times == nullptr || (times[0].tv_nsec == UTIME_NOW && times[1].tv_nsec == UTIME_NOW);
+  if (both_now && node && node->dirty.load()) {
+    std::lock_guard<std::mutex> guard(node->lock);
+    if (node->dirty.load()) {
+      // touch on a file not uploaded yet: the upload stamps it with its own
+      // time, which is this moment or later, so nothing is left to set.
+      node->has_pending_times.store(false);
+      node->written.store(now);
+      return 0;
+    }
+  }
   if (int error = Beneath(relative); error != 0) return error;
   if (omit[0] || omit[1]) {
     struct stat st {};
@@ -261,14 +270,23 @@ int MountFs::Chmod(const char* path, std::uint64_t fh, mode_t mode) {
   return -ENOTSUP;
 }
 
-int MountFs::Chown(const char* path, std::uint64_t fh, uid_t uid, gid_t gid) {
+int MountFs::Chown(const char* path, std::uint64_t fh, uid_t uid, gid_t gid, const Caller& caller) {
   struct stat st {};
   int error = GetAttr(path, fh, &st);
   if (error != 0) return error;
+  if (!settings_.kernel_checks_modes) {
+    if (int refused = ChownAllowed(st, uid, gid, caller); refused != 0) return refused;
+  }
   if (!settings_.strict_modes) return 0;
   bool same_uid = uid == static_cast<uid_t>(-1) || uid == settings_.owner.uid;
   bool same_gid = gid == static_cast<gid_t>(-1) || gid == settings_.owner.gid;
   return same_uid && same_gid ? 0 : -EPERM;
+}
+
+int MountFs::Access(const char* path, int mask, const Caller& caller) {
+  struct stat st {};
+  if (int error = GetAttr(path, 0, &st); error != 0) return error;
+  return AccessFor(st, mask, caller);
 }
 
 }  // namespace plughost

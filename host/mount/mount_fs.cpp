@@ -19,7 +19,11 @@ MountFs::MountFs(Client& client, std::string root_id, std::string cache_dir, Mou
     : client_(client),
       root_id_(std::move(root_id)),
       settings_(std::move(settings)),
-      staging_(client, std::move(cache_dir), settings_.local_root) {}
+      staging_(client, std::move(cache_dir), settings_.local_root) {
+  if (!settings_.local_root.empty()) {
+    beneath_ = std::make_unique<BeneathChecker>(settings_.local_root);
+  }
+}
 
 MountFs::~MountFs() = default;
 
@@ -28,12 +32,8 @@ std::string MountFs::Protocol(const std::string& relative) const {
 }
 
 int MountFs::Info(const std::string& relative, _FS_FILE_V2* file) {
-  try {
-    *file = client_.Info(Protocol(relative), {"info", relative});
-    return 0;
-  } catch (const ProtocolError& error) {
-    return ErrnoOf(error.code());
-  }
+  AERROR code = client_.TryInfo(Protocol(relative), file);
+  return code == SUCCESS ? 0 : ErrnoOf(code);
 }
 
 int MountFs::RelativeOf(const char* path, std::string* relative) {
@@ -53,8 +53,8 @@ int MountFs::RelativeOf(const char* path, std::string* relative) {
 }
 
 int MountFs::Beneath(const std::string& relative) const {
-  if (settings_.local_root.empty()) return 0;
-  return CheckBeneath(settings_.local_root, relative, false) == 0 ? 0 : -EACCES;
+  if (!beneath_) return 0;
+  return beneath_->Check(relative, false) == 0 ? 0 : -EACCES;
 }
 
 std::size_t MountFs::OpenNodes() const {
@@ -127,7 +127,7 @@ int MountFs::UploadLocked(OpenNode& node, bool durable) {
   }
   _FS_FILE_V2 record;
   int error = staging_.Upload(Protocol(DirName(relative)), BaseName(relative), node.fd,
-                              node.size.load(), durable, &record);
+                              node.size.load(), durable, node.pending.load(), &record);
   if (error != 0) return error;
   node.dirty.store(false);
   node.pending.store(false);

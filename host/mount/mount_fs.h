@@ -32,6 +32,7 @@
 #include <vector>
 
 #include "host/core/client.h"
+#include "host/core/confine.h"
 #include "host/mount/cache_stamps.h"
 #include "host/mount/mount_support.h"
 #include "host/mount/open_files.h"
@@ -55,6 +56,9 @@ struct MountSettings {
   // Seconds a listing is answered from memory; every change made through
   // the mount drops the kept listings. 0: always ask the plug-in.
   double dir_cache_time = 0;
+  // The kernel checks the shown modes (default_permissions); when it does
+  // not, the mount answers access(2) and refuses chown as the kernel would.
+  bool kernel_checks_modes = true;
 };
 
 // What the uploads at shutdown left behind.
@@ -108,7 +112,13 @@ class MountFs {
   // strict modes refused unless they change nothing (ENOTSUP for modes,
   // EPERM for owners).
   int Chmod(const char* path, std::uint64_t fh, mode_t mode);
-  int Chown(const char* path, std::uint64_t fh, uid_t uid, gid_t gid);
+  // `caller` matters only when the kernel leaves the checks to the mount
+  // (kernel_checks_modes off): then it is refused what the kernel would
+  // refuse (a root caller, the default, may do anything).
+  int Chown(const char* path, std::uint64_t fh, uid_t uid, gid_t gid,
+            const Caller& caller = Caller{});
+  // access(2), asked only when the kernel does not check modes itself.
+  int Access(const char* path, int mask, const Caller& caller);
 
   // Uploads every dirty open file (the end of the mount); what failed is
   // kept in the cache directory.
@@ -172,6 +182,7 @@ class MountFs {
   std::atomic<std::uint64_t> generation_{0};
   MountSettings settings_;
   Staging staging_;
+  std::unique_ptr<BeneathChecker> beneath_;  // null when the plug-in serves no local root
   OpenFiles open_;
   CacheStamps stamps_;
 };

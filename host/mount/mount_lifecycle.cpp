@@ -237,6 +237,8 @@ int Serve(const MountOptions& options) {
   mount_settings.sync_on_close = options.sync_on_close;
   mount_settings.local_root = root;
   mount_settings.dir_cache_time = options.dir_cache_time;
+  mount_settings.kernel_checks_modes =
+      KernelChecksModes(mount_settings.owner, options.allow_other, getuid());
   MountFs fs(client, root_id, cache_dir, mount_settings);
   KernelContext context;
   context.fs = &fs;
@@ -244,7 +246,8 @@ int Serve(const MountOptions& options) {
   context.tuning.writeback_cache = options.writeback_cache;
 
   std::string mount_options = "fsname=" + EscapeOption("plughost:" + root_id) +
-                              ",subtype=" + EscapeOption(type) + ",default_permissions" +
+                              ",subtype=" + EscapeOption(type) +
+                              (mount_settings.kernel_checks_modes ? ",default_permissions" : "") +
                               ",max_read=" + std::to_string(context.tuning.transfer_size);
   if (options.allow_other) mount_options += ",allow_other";
   std::vector<std::string> words = {"plughost", "-o", mount_options};

@@ -119,8 +119,30 @@ int OpChmod(const char* path, mode_t mode, fuse_file_info* fi) {
   return Guard([&] { return Fs()->Chmod(path, FhOf(fi), mode); });
 }
 
+// The process behind the request being served.
+Caller CurrentCaller() {
+  const fuse_context* context = fuse_get_context();
+  Caller caller;
+  caller.uid = context->uid;
+  caller.gid = context->gid;
+  gid_t groups[64];
+  int count = fuse_getgroups(64, groups);
+  if (count > 64) {
+    caller.groups.resize(static_cast<std::size_t>(count));
+    count = fuse_getgroups(count, caller.groups.data());
+    caller.groups.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+  } else if (count > 0) {
+    caller.groups.assign(groups, groups + count);
+  }
+  return caller;
+}
+
 int OpChown(const char* path, uid_t uid, gid_t gid, fuse_file_info* fi) {
-  return Guard([&] { return Fs()->Chown(path, FhOf(fi), uid, gid); });
+  return Guard([&] { return Fs()->Chown(path, FhOf(fi), uid, gid, CurrentCaller()); });
+}
+
+int OpAccess(const char* path, int mask) {
+  return Guard([&] { return Fs()->Access(path, mask, CurrentCaller()); });
 }
 
 int OpTruncate(const char* path, off_t size, fuse_file_info* fi) {
@@ -285,6 +307,7 @@ fuse_operations MakeOperations() {
   ops.releasedir = OpReleasedir;
   ops.create = OpCreate;
   ops.utimens = OpUtimens;
+  ops.access = OpAccess;
   return ops;
 }
 

@@ -17,21 +17,73 @@ int ErrnoOf(AERROR code) {
   return ConvertAERROR(code);
 }
 
-void FillStat(const _FS_FILE_V2& file, const Ownership& owner, struct stat* st) {
+void FillStatShape(bool directory, long long size, const Ownership& owner, struct stat* st) {
   *st = {};
-  bool directory = file.type == 2;
   st->st_mode =
       directory ? (S_IFDIR | (owner.dir_mode & 07777)) : (S_IFREG | (owner.file_mode & 07777));
   // Two links for a directory, as a fresh one has; nothing counts subdirectories.
   st->st_nlink = directory ? 2 : 1;
   st->st_uid = owner.uid;
   st->st_gid = owner.gid;
-  st->st_size = file.size < 0 ? 0 : file.size;
+  st->st_size = size < 0 ? 0 : size;
   st->st_blocks = (st->st_size + 511) / 512;
   st->st_blksize = kReportedBlockSize;
+}
+
+void FillStat(const _FS_FILE_V2& file, const Ownership& owner, struct stat* st) {
+  FillStatShape(file.type == 2, file.size, owner, st);
   st->st_atim.tv_sec = FileTimeInstant(file.access_time);
   st->st_mtim.tv_sec = FileTimeInstant(file.modify_time);
   st->st_ctim.tv_sec = FileTimeInstant(file.create_time);
+}
+
+bool KernelChecksModes(const Ownership& owner, bool allow_other, uid_t mounter) {
+  if (allow_other) return true;
+  if (mounter == 0) return false;
+  if (owner.uid != mounter) return true;
+  // The owner's bits decide for the owner; the kernel alone would let it run
+  // a file that only its group or others may execute.
+  const bool full = (owner.file_mode & 0600) == 0600 && (owner.dir_mode & 0700) == 0700;
+  const bool exec_agrees = (owner.file_mode & 0111) == 0 || (owner.file_mode & 0100) != 0;
+  return !(full && exec_agrees);
+}
+
+namespace {
+
+bool InGroup(gid_t gid, const Caller& caller) {
+  if (gid == caller.gid) return true;
+  for (gid_t group : caller.groups) {
+    if (group == gid) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+int AccessFor(const struct stat& st, int mask, const Caller& caller) {
+  mask &= R_OK | W_OK | X_OK;
+  if (mask == 0) return 0;
+  if (caller.uid == 0) {
+    if ((mask & X_OK) != 0 && !S_ISDIR(st.st_mode) && (st.st_mode & 0111) == 0) return -EACCES;
+    return 0;
+  }
+  mode_t bits = st.st_mode;
+  if (caller.uid == st.st_uid) {
+    bits >>= 6;
+  } else if (InGroup(st.st_gid, caller)) {
+    bits >>= 3;
+  }
+  return (static_cast<int>(bits) & mask) == mask ? 0 : -EACCES;
+}
+
+int ChownAllowed(const struct stat& st, uid_t uid, gid_t gid, const Caller& caller) {
+  if (caller.uid == 0) return 0;
+  const bool owner = caller.uid == st.st_uid;
+  if (uid != static_cast<uid_t>(-1) && (!owner || uid != st.st_uid)) return -EPERM;
+  if (gid != static_cast<gid_t>(-1) && (!owner || (gid != st.st_gid && !InGroup(gid, caller)))) {
+    return -EPERM;
+  }
+  return 0;
 }
 
 std::string UnescapeMountField(std::string_view field) {

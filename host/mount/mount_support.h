@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "protocol/contract.h"
 
@@ -28,6 +29,32 @@ struct Ownership {
   mode_t dir_mode = 0700;
 };
 
+// Whether the kernel must check the modes the mount shows
+// (default_permissions). Without --allow-other only processes of the mounting
+// user reach the mount at all; when the shown owner is that user and the modes
+// give it everything a local owner has (or the mounting user is root, whom
+// modes do not stop), the kernel's checks could only agree. They are left out
+// then because they cost a request per change: the kernel forgets a
+// directory's attributes whenever an entry is made or removed in it, and the
+// next check has to ask for them again.
+bool KernelChecksModes(const Ownership& owner, bool allow_other, uid_t mounter);
+
+// Who asks, for the checks the mount makes itself when the kernel does not.
+struct Caller {
+  uid_t uid = 0;
+  gid_t gid = 0;
+  std::vector<gid_t> groups;  // supplementary groups
+};
+
+// access(2) on an entry with the shown attributes `st`, by the kernel's own
+// rules: root may do anything except execute a file without any x bit;
+// others get the owner's, the group's or everyone's bits. 0 or -EACCES.
+int AccessFor(const struct stat& st, int mask, const Caller& caller);
+
+// chown(2) by the kernel's rules: only root gives a file away or moves it to
+// a group it is not in. 0 or -EPERM.
+int ChownAllowed(const struct stat& st, uid_t uid, gid_t gid, const Caller& caller);
+
 // The block size the mount reports: copy tools size their buffers and the
 // growth of sparse files by it, so it is the page size, not a transfer size.
 inline constexpr long kReportedBlockSize = 4096;
@@ -36,6 +63,8 @@ inline constexpr long kReportedBlockSize = 4096;
 // a regular file with the modes and owners of `owner`, times from the
 // record's wall-clock texts.
 void FillStat(const _FS_FILE_V2& file, const Ownership& owner, struct stat* st);
+// The same without the times: type, modes, owners, size and blocks.
+void FillStatShape(bool directory, long long size, const Ownership& owner, struct stat* st);
 
 // What is mounted at an absolute path, from /proc/self/mountinfo.
 struct MountEntry {

@@ -27,14 +27,16 @@ class Staging {
   int Fill(const std::string& path, long long want, int fd, long long* size);
 
   // Uploads `size` bytes of `fd` as `name` in the protocol directory
-  // `parent` through a temporary name and a move over `name`. On success
+  // `parent` through a temporary name and a move over `name` (an empty file
+  // is made in place: there is no partial state to hide). On success
   // `*record` is the record of the new file. With `durable` and a local
   // root, the new file is synced before the move and its directory after,
   // so that a crash leaves the old or the new content under `name`, never
-  // an empty or short file. 0 or a negative errno (ENOSPC when the local
-  // root has no room for it).
+  // an empty or short file. `created_here`: the mount made the name itself
+  // and has not seen it on the storage. 0 or a negative errno (ENOSPC when
+  // the local root has no room for it).
   int Upload(const std::string& parent, const std::string& name, int fd, long long size,
-             bool durable, _FS_FILE_V2* record);
+             bool durable, bool created_here, _FS_FILE_V2* record);
 
   // Makes a file uploaded earlier and its directory entry durable. Only
   // possible for a local root; for other plug-ins durability is theirs.

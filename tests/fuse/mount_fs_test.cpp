@@ -395,6 +395,74 @@ TEST_F(MountFsTest, TimesSetWhileDirtySurviveTheUpload) {
   EXPECT_EQ(Slurp(Root("f")), "data");
 }
 
+// touch on a new file: the upload stamps it with its own time, and a "now"
+// wins over times set before it.
+TEST_F(MountFsTest, NowSetOnANewFileIsTheUploadsOwnTime) {
+  std::uint64_t fh = 0;
+  ASSERT_EQ(mount_->Create("/f", O_WRONLY | O_CREAT, &fh), 0);
+  struct timespec old_times[2] = {{1300000000, 0}, {1300000000, 0}};
+  ASSERT_EQ(mount_->Utimens(nullptr, fh, old_times), 0);
+  const time_t before = time(nullptr);
+  struct timespec now[2] = {{0, UTIME_NOW}, {0, UTIME_NOW}};
+  ASSERT_EQ(mount_->Utimens(nullptr, fh, now), 0);
+  struct stat st {};
+  ASSERT_EQ(mount_->GetAttr(nullptr, fh, &st), 0);
+  EXPECT_GE(st.st_mtim.tv_sec, before);
+  ASSERT_EQ(mount_->Release(fh), 0);
+  struct stat direct {};
+  ASSERT_EQ(stat(Root("f").c_str(), &direct), 0);
+  EXPECT_GE(direct.st_mtim.tv_sec, before);
+  EXPECT_GE(direct.st_atim.tv_sec, before);
+  EXPECT_EQ(direct.st_size, 0);
+}
+
+// A file with content keeps its "now" too: the upload comes later still.
+TEST_F(MountFsTest, NowSetOnAWrittenFileIsTheUploadsOwnTime) {
+  Spit(Root("f"), "old");
+  struct timespec old_times[2] = {{1300000000, 0}, {1300000000, 0}};
+  ASSERT_EQ(mount_->Utimens("/f", 0, old_times), 0);
+  std::uint64_t fh = 0;
+  bool keep = false;
+  ASSERT_EQ(mount_->Open("/f", O_WRONLY, &fh, &keep), 0);
+  ASSERT_EQ(mount_->Write(fh, "new", 3, 0), 3);
+  const time_t before = time(nullptr);
+  ASSERT_EQ(mount_->Utimens(nullptr, fh, nullptr), 0);
+  ASSERT_EQ(mount_->Release(fh), 0);
+  struct stat direct {};
+  ASSERT_EQ(stat(Root("f").c_str(), &direct), 0);
+  EXPECT_GE(direct.st_mtim.tv_sec, before);
+  EXPECT_EQ(Slurp(Root("f")), "new");
+}
+
+// Asked only when the kernel leaves mode checks to the mount.
+TEST_F(MountFsTest, AccessAnswersForTheShownModes) {
+  Spit(Root("f"), "x");
+  plughost::Caller root{0, 0, {}};
+  plughost::Caller stranger{getuid() + 1, getgid() + 1, {}};
+  EXPECT_EQ(mount_->Access("/f", R_OK | W_OK, root), 0);
+  EXPECT_EQ(mount_->Access("/f", X_OK, root), -EACCES);
+  EXPECT_EQ(mount_->Access("/", X_OK, root), 0);
+  EXPECT_EQ(mount_->Access("/missing", F_OK, root), -ENOENT);
+  EXPECT_EQ(mount_->Access("/f", R_OK, stranger), -EACCES);
+}
+
+// Without the kernel's checks the mount refuses what the kernel would.
+TEST_F(MountFsTest, ChownWithoutTheKernelsChecksRefusesGivingAway) {
+  plughost::MountSettings settings;
+  settings.kernel_checks_modes = false;
+  Remount(settings);
+  Spit(Root("f"), "x");
+  plughost::Caller owner{getuid(), getgid(), {}};
+  plughost::Caller root{0, 0, {}};
+  if (getuid() != 0) {
+    EXPECT_EQ(mount_->Chown("/f", 0, getuid() + 1, static_cast<gid_t>(-1), owner), -EPERM);
+  }
+  EXPECT_EQ(mount_->Chown("/f", 0, getuid(), static_cast<gid_t>(-1), owner), 0);
+  EXPECT_EQ(mount_->Chown("/f", 0, getuid() + 1, static_cast<gid_t>(-1), root), 0);
+  plughost::Caller stranger{getuid() + 1, getgid() + 1, {}};
+  EXPECT_EQ(mount_->Chown("/f", 0, getuid(), static_cast<gid_t>(-1), stranger), -EPERM);
+}
+
 TEST_F(MountFsTest, StatfsReportsTheQuota) {
   struct statvfs st {};
   ASSERT_EQ(mount_->Statfs(&st), 0);

@@ -382,6 +382,42 @@ links() {
   "$tool" unmount "$mnt"
 }
 
+# The super options of the mount at $mnt, one per line.
+super_options() {
+  awk -v m="$mnt" '$5 == m { for (i = 7; i <= NF; i++) if ($i == "-") { print $(i + 3); exit } }' \
+    /proc/self/mountinfo | tr , '\n'
+}
+
+# Who checks the shown modes: the kernel wherever someone other than the
+# shown owner can come in; the mount itself (access, exec) otherwise.
+checks() {
+  printf '#!/bin/sh\necho ran\n' >"$root/script"
+  chmod 0755 "$root/script"
+  mkdir "$root/d"
+
+  mount_it
+  if super_options | grep -qx default_permissions; then
+    fail "a private mount kept the kernel's mode checks"
+  fi
+  { [ -r "$mnt/script" ] && [ -w "$mnt/script" ]; } || fail "the owner may not read and write"
+  if [ -x "$mnt/script" ]; then fail "test -x passed on a file shown as 0600"; fi
+  if "$mnt/script" >/dev/null 2>&1; then fail "a file shown as 0600 ran"; fi
+  [ -x "$mnt/d" ] || fail "test -x failed on a directory shown as 0700"
+  (cd "$mnt/d") || fail "cd into a directory"
+  touch "$mnt/d/new"
+  [ -f "$root/d/new" ] || fail "touch through a private mount"
+  "$tool" unmount "$mnt"
+
+  mount_it --file-mode 0700
+  [ "$("$mnt/script")" = ran ] || fail "a file shown as 0700 did not run"
+  "$tool" unmount "$mnt"
+
+  mount_it --allow-other
+  super_options | grep -qx default_permissions || fail "--allow-other without the kernel's checks"
+  if [ -x "$mnt/script" ]; then fail "test -x passed on a file shown as 0600 (kernel checks)"; fi
+  "$tool" unmount "$mnt"
+}
+
 case $scenario in
   session) session ;;
   busy) busy ;;
@@ -390,6 +426,7 @@ case $scenario in
   fullfs) fullfs ;;
   others) others ;;
   links) links ;;
+  checks) checks ;;
   *) fail "unknown scenario $scenario" ;;
 esac
 echo "PASS: $scenario"

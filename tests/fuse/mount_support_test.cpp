@@ -1,6 +1,7 @@
 #include "host/mount/mount_support.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -50,6 +51,98 @@ TEST(MountSupport, StatFromRecord) {
   owner.file_mode = 0644;
   plughost::FillStat(file, owner, &st);
   EXPECT_EQ(st.st_mode, static_cast<mode_t>(S_IFREG | 0644));
+}
+
+TEST(MountSupport, StatShapeHasNoTimes) {
+  plughost::Ownership owner;
+  owner.uid = 7;
+  struct stat st {};
+  plughost::FillStatShape(false, 1000, owner, &st);
+  EXPECT_EQ(st.st_mode, static_cast<mode_t>(S_IFREG | 0600));
+  EXPECT_EQ(st.st_size, 1000);
+  EXPECT_EQ(st.st_blocks, 2);
+  EXPECT_EQ(st.st_nlink, 1u);
+  EXPECT_EQ(st.st_uid, 7u);
+  EXPECT_EQ(st.st_mtim.tv_sec, 0);
+  plughost::FillStatShape(true, -5, owner, &st);
+  EXPECT_EQ(st.st_mode, static_cast<mode_t>(S_IFDIR | 0700));
+  EXPECT_EQ(st.st_size, 0);
+  EXPECT_EQ(st.st_nlink, 2u);
+}
+
+// The kernel's mode checks are left out only where they could not refuse
+// anything the mount allows: no other users, and the mounting user shown as
+// the owner with a local owner's rights (or root, whom modes do not stop).
+TEST(MountSupport, KernelChecksModesUnlessOnlyTheOwnerCanComeIn) {
+  using plughost::KernelChecksModes;
+  plughost::Ownership owner;
+  owner.uid = 1000;
+  EXPECT_FALSE(KernelChecksModes(owner, false, 1000)) << "0600/0700, the mounting user";
+  EXPECT_TRUE(KernelChecksModes(owner, true, 1000)) << "others may come in";
+  EXPECT_TRUE(KernelChecksModes(owner, false, 1001)) << "shown as someone else (--uid)";
+  owner.file_mode = 0400;
+  EXPECT_TRUE(KernelChecksModes(owner, false, 1000)) << "read-only files";
+  owner.file_mode = 0600;
+  owner.dir_mode = 0500;
+  EXPECT_TRUE(KernelChecksModes(owner, false, 1000)) << "read-only directories";
+  owner.dir_mode = 0755;
+  owner.file_mode = 0755;
+  EXPECT_FALSE(KernelChecksModes(owner, false, 1000)) << "the owner may execute";
+  owner.file_mode = 0610;
+  EXPECT_TRUE(KernelChecksModes(owner, false, 1000)) << "only the group may execute";
+  owner.file_mode = 0;
+  owner.dir_mode = 0;
+  owner.uid = 1000;
+  EXPECT_FALSE(KernelChecksModes(owner, false, 0)) << "root passes every mode";
+  EXPECT_TRUE(KernelChecksModes(owner, true, 0));
+}
+
+struct stat Shown(mode_t mode, uid_t uid, gid_t gid) {
+  struct stat st {};
+  st.st_mode = mode;
+  st.st_uid = uid;
+  st.st_gid = gid;
+  return st;
+}
+
+TEST(MountSupport, AccessFollowsTheKernelsRules) {
+  using plughost::AccessFor;
+  plughost::Caller owner{1000, 100, {}};
+  plughost::Caller member{1001, 200, {100}};
+  plughost::Caller other{1002, 300, {}};
+  plughost::Caller root{0, 0, {}};
+  const struct stat file = Shown(S_IFREG | 0640, 1000, 100);
+  EXPECT_EQ(AccessFor(file, R_OK | W_OK, owner), 0);
+  EXPECT_EQ(AccessFor(file, X_OK, owner), -EACCES);
+  EXPECT_EQ(AccessFor(file, R_OK, member), 0);
+  EXPECT_EQ(AccessFor(file, W_OK, member), -EACCES);
+  EXPECT_EQ(AccessFor(file, R_OK, other), -EACCES);
+  EXPECT_EQ(AccessFor(file, F_OK, other), 0);
+  EXPECT_EQ(AccessFor(file, R_OK | W_OK, root), 0);
+  EXPECT_EQ(AccessFor(file, X_OK, root), -EACCES) << "no x bit anywhere";
+  EXPECT_EQ(AccessFor(Shown(S_IFREG | 0001, 1000, 100), X_OK, root), 0);
+  const struct stat dir = Shown(S_IFDIR | 0700, 1000, 100);
+  EXPECT_EQ(AccessFor(dir, R_OK | W_OK | X_OK, owner), 0);
+  EXPECT_EQ(AccessFor(dir, X_OK, member), -EACCES);
+  EXPECT_EQ(AccessFor(Shown(S_IFDIR | 0, 1000, 100), X_OK, root), 0)
+      << "root searches any directory";
+}
+
+TEST(MountSupport, ChownFollowsTheKernelsRules) {
+  using plughost::ChownAllowed;
+  const uid_t keep_uid = static_cast<uid_t>(-1);
+  const gid_t keep_gid = static_cast<gid_t>(-1);
+  const struct stat file = Shown(S_IFREG | 0600, 1000, 100);
+  plughost::Caller owner{1000, 100, {200}};
+  plughost::Caller other{1001, 100, {}};
+  EXPECT_EQ(ChownAllowed(file, 1000, keep_gid, owner), 0) << "to itself";
+  EXPECT_EQ(ChownAllowed(file, keep_uid, keep_gid, owner), 0);
+  EXPECT_EQ(ChownAllowed(file, 1001, keep_gid, owner), -EPERM) << "giving it away";
+  EXPECT_EQ(ChownAllowed(file, keep_uid, 200, owner), 0) << "to a group of its own";
+  EXPECT_EQ(ChownAllowed(file, keep_uid, 300, owner), -EPERM) << "to a foreign group";
+  EXPECT_EQ(ChownAllowed(file, 1000, keep_gid, other), -EPERM) << "not the owner";
+  EXPECT_EQ(ChownAllowed(file, keep_uid, 100, other), -EPERM);
+  EXPECT_EQ(ChownAllowed(file, 5, 5, plughost::Caller{0, 0, {}}), 0) << "root";
 }
 
 TEST(MountSupport, MountTable) {
