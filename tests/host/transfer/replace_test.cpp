@@ -41,6 +41,18 @@ class Replace : public LocalDiskTest {
     Source source(content);
     return Put(name, &source, static_cast<long long>(content.size()));
   }
+  // Into protocol directory `parent`, which need not exist.
+  ReplaceResult PutInto(const std::string& parent, const std::string& name,
+                        const std::string& content, bool known_new = false) {
+    Source source(content);
+    ReplaceRequest request;
+    request.parent = parent;
+    request.name = name;
+    request.source = &source;
+    request.size = static_cast<long long>(content.size());
+    request.known_new = known_new;
+    return ReplaceFile(*client_, request);
+  }
 };
 
 TEST_F(Replace, CreatesANewFileAndReturnsTheMovedRecord) {
@@ -194,25 +206,14 @@ TEST_F(Replace, AnEmptyReplacementGoesThroughATemporaryName) {
 
 // A caller that made the name itself skips the check; the result is the same.
 TEST_F(Replace, AKnownNewEmptyFileSkipsTheCheck) {
-  Source source("");
-  ReplaceRequest request;
-  request.parent = root_id_;
-  request.name = "known";
-  request.source = &source;
-  request.known_new = true;
-  ReplaceResult result = ReplaceFile(*client_, request);
+  ReplaceResult result = PutInto(root_id_, "known", "", true);
   ASSERT_TRUE(result.ok()) << result.Describe();
   EXPECT_EQ(result.file.id, root_id_ + "/known");
   EXPECT_EQ(ReadFile(Local("known")), "");
 }
 
 TEST_F(Replace, ANewEmptyFileInAMissingDirectoryFailsAndMakesNothing) {
-  Source source("");
-  ReplaceRequest request;
-  request.parent = root_id_ + "/missing";
-  request.name = "x";
-  request.source = &source;
-  ReplaceResult result = ReplaceFile(*client_, request);
+  ReplaceResult result = PutInto(root_id_ + "/missing", "x", "");
   EXPECT_EQ(result.status, TransferStatus::kFailed);
   EXPECT_EQ(result.code, FILE_NOT_FOUND);
   EXPECT_EQ(result.step, "upload");
@@ -231,13 +232,7 @@ TEST_F(Replace, ANewEmptyFileCancelledBeforeTheStartMakesNothing) {
 
 TEST_F(Replace, IntoASubdirectory) {
   mkdir(Local("docs").c_str(), 0755);
-  Source source("sub");
-  ReplaceRequest request;
-  request.parent = root_id_ + "/docs";
-  request.name = "x.txt";
-  request.source = &source;
-  request.size = 3;
-  ReplaceResult result = ReplaceFile(*client_, request);
+  ReplaceResult result = PutInto(root_id_ + "/docs", "x.txt", "sub");
   ASSERT_TRUE(result.ok()) << result.Describe();
   EXPECT_EQ(result.file.id, root_id_ + "/docs/x.txt");
   EXPECT_EQ(ReadFile(Local("docs/x.txt")), "sub");
@@ -317,13 +312,7 @@ TEST_F(Replace, ADirectoryOfThatNameIsRefused) {
 }
 
 TEST_F(Replace, MissingDirectoryFails) {
-  Source source("x");
-  ReplaceRequest request;
-  request.parent = root_id_ + "/missing";
-  request.name = "x";
-  request.source = &source;
-  request.size = 1;
-  ReplaceResult result = ReplaceFile(*client_, request);
+  ReplaceResult result = PutInto(root_id_ + "/missing", "x", "x");
   EXPECT_EQ(result.status, TransferStatus::kFailed);
   EXPECT_EQ(result.code, FILE_NOT_FOUND);
   EXPECT_FALSE(result.kept_existing);
