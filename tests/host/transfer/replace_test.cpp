@@ -41,18 +41,6 @@ class Replace : public LocalDiskTest {
     Source source(content);
     return Put(name, &source, static_cast<long long>(content.size()));
   }
-  // Into protocol directory `parent`, which need not exist.
-  ReplaceResult PutInto(const std::string& parent, const std::string& name,
-                        const std::string& content, bool known_new = false) {
-    Source source(content);
-    ReplaceRequest request;
-    request.parent = parent;
-    request.name = name;
-    request.source = &source;
-    request.size = static_cast<long long>(content.size());
-    request.known_new = known_new;
-    return ReplaceFile(*client_, request);
-  }
 };
 
 TEST_F(Replace, CreatesANewFileAndReturnsTheMovedRecord) {

@@ -110,13 +110,7 @@ class Swap : public LocalDiskTest {
     client_->SetOpt("root_path", root_);
   }
   ReplaceResult Put(const std::string& name, const std::string& content) {
-    Source source(content);
-    ReplaceRequest request;
-    request.parent = root_id_;
-    request.name = name;
-    request.source = &source;
-    request.size = static_cast<long long>(content.size());
-    return ReplaceFile(*client_, request);
+    return PutInto(root_id_, name, content);
   }
   NoReplaceMove* wrapper_ = nullptr;  // owned by client_
 };

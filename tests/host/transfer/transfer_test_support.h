@@ -78,6 +78,11 @@ class LocalDiskTest : public ::testing::Test {
     return found;
   }
 
+  // ReplaceFile of `content` as `name` in protocol directory `parent`
+  // (which need not exist).
+  plughost::ReplaceResult PutInto(const std::string& parent, const std::string& name,
+                                  const std::string& content, bool known_new = false);
+
   TempDir dir_;
   plughost::MemoryConfiguration config_;
   std::unique_ptr<plughost::Plugin> plugin_;
@@ -113,5 +118,18 @@ class Source : public ICacheIO {
   Mode mode_;
   long long at_;
 };
+
+inline plughost::ReplaceResult LocalDiskTest::PutInto(const std::string& parent,
+                                                      const std::string& name,
+                                                      const std::string& content, bool known_new) {
+  Source source(content);
+  plughost::ReplaceRequest request;
+  request.parent = parent;
+  request.name = name;
+  request.source = &source;
+  request.size = static_cast<long long>(content.size());
+  request.known_new = known_new;
+  return plughost::ReplaceFile(*client_, request);
+}
 
 }  // namespace transfer_test
