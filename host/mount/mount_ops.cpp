@@ -134,6 +134,7 @@ Caller CurrentCaller() {
   } else if (count > 0) {
     caller.groups.assign(groups, groups + count);
   }
+  caller.groups_known = count >= 0;
   return caller;
 }
 

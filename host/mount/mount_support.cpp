@@ -80,7 +80,8 @@ int ChownAllowed(const struct stat& st, uid_t uid, gid_t gid, const Caller& call
   if (caller.uid == 0) return 0;
   const bool owner = caller.uid == st.st_uid;
   if (uid != static_cast<uid_t>(-1) && (!owner || uid != st.st_uid)) return -EPERM;
-  if (gid != static_cast<gid_t>(-1) && (!owner || (gid != st.st_gid && !InGroup(gid, caller)))) {
+  const bool member = !caller.groups_known || InGroup(gid, caller);
+  if (gid != static_cast<gid_t>(-1) && (!owner || (gid != st.st_gid && !member))) {
     return -EPERM;
   }
   return 0;

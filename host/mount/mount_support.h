@@ -44,6 +44,10 @@ struct Caller {
   uid_t uid = 0;
   gid_t gid = 0;
   std::vector<gid_t> groups;  // supplementary groups
+  // False when they could not be read (the confined mount may not read
+  // other processes' /proc entries): group membership is then given the
+  // benefit of the doubt, since a refusal would break cp -a and rsync -a.
+  bool groups_known = true;
 };
 
 // access(2) on an entry with the shown attributes `st`, by the kernel's own
@@ -52,7 +56,7 @@ struct Caller {
 int AccessFor(const struct stat& st, int mask, const Caller& caller);
 
 // chown(2) by the kernel's rules: only root gives a file away or moves it to
-// a group it is not in. 0 or -EPERM.
+// a group it is not in (unknown groups count as its own). 0 or -EPERM.
 int ChownAllowed(const struct stat& st, uid_t uid, gid_t gid, const Caller& caller);
 
 // The block size the mount reports: copy tools size their buffers and the

@@ -143,6 +143,9 @@ TEST(MountSupport, ChownFollowsTheKernelsRules) {
   EXPECT_EQ(ChownAllowed(file, 1000, keep_gid, other), -EPERM) << "not the owner";
   EXPECT_EQ(ChownAllowed(file, keep_uid, 100, other), -EPERM);
   EXPECT_EQ(ChownAllowed(file, 5, 5, plughost::Caller{0, 0, {}}), 0) << "root";
+  plughost::Caller unknown_groups{1000, 100, {}, false};
+  EXPECT_EQ(ChownAllowed(file, keep_uid, 300, unknown_groups), 0) << "membership unknown";
+  EXPECT_EQ(ChownAllowed(file, 1001, keep_gid, unknown_groups), -EPERM);
 }
 
 TEST(MountSupport, MountTable) {
