@@ -321,7 +321,9 @@ namespace {
 // An empty new file has no partial state anyone could see, so it is made
 // under its own name: a temporary name and a rename would only cost a
 // second directory change per file (a mount creating many files feels it).
-// A file made under that name meanwhile is replaced either way.
+// The name was free a moment ago; a file made under it in that moment is
+// emptied in place instead of replaced (the protocol has no exclusive
+// create), the window `touch` has as well.
 ReplaceResult CreateEmpty(Client& client, const ReplaceRequest& request,
                           const std::shared_ptr<_FS_HANDLE>& handle, ReplaceResult result) {
   const std::string final_path = Join(request.parent, request.name);
@@ -380,10 +382,6 @@ ReplaceResult ReplaceFile(Client& client, const ReplaceRequest& request) {
     return result;
   };
 
-  if (request.known_new && request.size == 0) {
-    if (Stopped(*handle)) return cancel();
-    return CreateEmpty(client, request, handle, result);
-  }
   // What is at the final name now decides what a failure keeps.
   try {
     if (std::optional<_FS_FILE_V2> existing = Existing(client, final_path)) {

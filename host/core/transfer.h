@@ -78,10 +78,6 @@ struct ReplaceRequest {
   // file system that does not order a rename after the data. Off by
   // default (a mount closing many small files syncs when asked to).
   bool sync = false;
-  // The caller made this name itself and knows of nothing else there (a
-  // mount uploading a file created through it): an empty file is then made
-  // without asking the storage first.
-  bool known_new = false;
 };
 
 struct ReplaceResult {

@@ -127,7 +127,7 @@ int MountFs::UploadLocked(OpenNode& node, bool durable) {
   }
   _FS_FILE_V2 record;
   int error = staging_.Upload(Protocol(DirName(relative)), BaseName(relative), node.fd,
-                              node.size.load(), durable, node.pending.load(), &record);
+                              node.size.load(), durable, &record);
   if (error != 0) return error;
   node.dirty.store(false);
   node.pending.store(false);

@@ -94,7 +94,7 @@ int Staging::Fill(const std::string& path, long long want, int fd, long long* si
 }
 
 int Staging::Upload(const std::string& parent, const std::string& name, int fd, long long size,
-                    bool durable, bool created_here, _FS_FILE_V2* record) {
+                    bool durable, _FS_FILE_V2* record) {
   CacheAdapter cache([fd, size](long long offset, char* buffer, long long capacity) {
     long long want = std::min(capacity, size - offset);
     if (want <= 0) return 0LL;
@@ -115,7 +115,6 @@ int Staging::Upload(const std::string& parent, const std::string& name, int fd, 
   // Synced before the rename: syncing after it would leave a window in
   // which the old content is gone and the new one not yet on the disk.
   request.sync = durable;
-  request.known_new = created_here;
   ReplaceResult result = ReplaceFile(client_, request);
   if (result.ok()) {
     *record = result.file;

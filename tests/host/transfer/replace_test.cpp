@@ -192,14 +192,6 @@ TEST_F(Replace, AnEmptyReplacementGoesThroughATemporaryName) {
   EXPECT_EQ(st.st_mode & 07777, 0640u);
 }
 
-// A caller that made the name itself skips the check; the result is the same.
-TEST_F(Replace, AKnownNewEmptyFileSkipsTheCheck) {
-  ReplaceResult result = PutInto(root_id_, "known", "", true);
-  ASSERT_TRUE(result.ok()) << result.Describe();
-  EXPECT_EQ(result.file.id, root_id_ + "/known");
-  EXPECT_EQ(ReadFile(Local("known")), "");
-}
-
 TEST_F(Replace, ANewEmptyFileInAMissingDirectoryFailsAndMakesNothing) {
   ReplaceResult result = PutInto(root_id_ + "/missing", "x", "");
   EXPECT_EQ(result.status, TransferStatus::kFailed);

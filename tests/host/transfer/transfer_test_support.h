@@ -81,7 +81,7 @@ class LocalDiskTest : public ::testing::Test {
   // ReplaceFile of `content` as `name` in protocol directory `parent`
   // (which need not exist).
   plughost::ReplaceResult PutInto(const std::string& parent, const std::string& name,
-                                  const std::string& content, bool known_new = false);
+                                  const std::string& content);
 
   TempDir dir_;
   plughost::MemoryConfiguration config_;
@@ -121,14 +121,13 @@ class Source : public ICacheIO {
 
 inline plughost::ReplaceResult LocalDiskTest::PutInto(const std::string& parent,
                                                       const std::string& name,
-                                                      const std::string& content, bool known_new) {
+                                                      const std::string& content) {
   Source source(content);
   plughost::ReplaceRequest request;
   request.parent = parent;
   request.name = name;
   request.source = &source;
   request.size = static_cast<long long>(content.size());
-  request.known_new = known_new;
   return plughost::ReplaceFile(*client_, request);
 }
 
