@@ -84,7 +84,12 @@ TEST(ConfineRace, SwappedLinksNeverLeadOutside) {
   ASSERT_EQ(pipe(go), 0);
   Swapper reads(root, "read-me", "inside", outside + "/secret");
   Swapper writes(root, "write-me", "inside", outside + "/victim");
+  // The fork must not catch the starter halfway through its own start (it
+  // could hold the allocator's lock, and the child would wait on it for
+  // ever): the child is forked once the starter waits in read().
+  std::atomic<bool> starter_running{false};
   std::thread starter([&] {
+    starter_running.store(true);
     char byte;
     if (read(ready[0], &byte, 1) == 1) {
       reads.Start();
@@ -92,6 +97,9 @@ TEST(ConfineRace, SwappedLinksNeverLeadOutside) {
     }
     if (write(go[1], "g", 1) != 1) return;
   });
+  while (!starter_running.load())
+    std::this_thread::yield();
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // into its read()
 
   auto result = RunInChild([&](Failures& f) {
     unsetenv(plughost::kConfineEnvironment);
