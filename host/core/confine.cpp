@@ -357,16 +357,19 @@ int KernelBeneath(int root_fd, const std::string& relative, bool no_follow_links
   return -1;
 }
 
+// The kernel's answer from the open root `root_fd`, else the walk's.
+int CheckFrom(int root_fd, const std::string& root, const std::string& relative,
+              bool no_follow_links) {
+  const int kernel = KernelBeneath(root_fd, relative, no_follow_links);
+  return kernel >= 0 ? kernel : CheckBeneathByWalk(root, relative, no_follow_links);
+}
+
 }  // namespace
 
 int CheckBeneath(const std::string& root, const std::string& relative, bool no_follow_links) {
-  {
-    Fd root_fd(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!root_fd.valid()) return errno;
-    const int kernel = KernelBeneath(root_fd.get(), relative, no_follow_links);
-    if (kernel >= 0) return kernel;
-  }
-  return CheckBeneathByWalk(root, relative, no_follow_links);
+  Fd root_fd(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!root_fd.valid()) return errno;
+  return CheckFrom(root_fd.get(), root, relative, no_follow_links);
 }
 
 BeneathChecker::BeneathChecker(std::string root)
@@ -378,9 +381,7 @@ BeneathChecker::~BeneathChecker() {
 
 int BeneathChecker::Check(const std::string& relative, bool no_follow_links) const {
   if (fd_ < 0) return CheckBeneath(root_, relative, no_follow_links);
-  const int kernel = KernelBeneath(fd_, relative, no_follow_links);
-  if (kernel >= 0) return kernel;
-  return CheckBeneathByWalk(root_, relative, no_follow_links);
+  return CheckFrom(fd_, root_, relative, no_follow_links);
 }
 
 int CheckBeneathByWalk(const std::string& root, const std::string& relative, bool no_follow_links) {

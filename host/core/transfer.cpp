@@ -327,12 +327,13 @@ namespace {
 ReplaceResult CreateEmpty(Client& client, const ReplaceRequest& request,
                           const std::shared_ptr<_FS_HANDLE>& handle, ReplaceResult result) {
   const std::string final_path = Join(request.parent, request.name);
-  WatchedSource source(request.source, request.local_root);
   _FS_FILE_V2 uploaded;
   uploaded.name = request.name;
   uploaded.size = 0;
   std::string message;
-  AERROR code = client.Upload(request.parent, handle, &source, &uploaded, request.flag, &message);
+  // Nothing is read from the source for an empty file: it goes as it is.
+  AERROR code =
+      client.Upload(request.parent, handle, request.source, &uploaded, request.flag, &message);
   if (code != SUCCESS) {
     // Nothing is removed: whatever a failed empty upload left under the name
     // is empty, as wanted, or somebody else's file.

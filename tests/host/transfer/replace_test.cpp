@@ -443,6 +443,40 @@ TEST_F(Replace, ConcurrentWritersFromThreadsNeverLeaveAMix) {
   EXPECT_THAT(Names(root_), ::testing::ElementsAre("shared.bin"));
 }
 
+// Empty puts, made in place when the name is free, racing full puts of new
+// names: every name ends up empty or with one complete version, and nothing
+// temporary is left.
+TEST_F(Replace, EmptyAndFullPutsOfNewNamesRacingLeaveOneCompleteVersion) {
+  constexpr int kWriters = 4;
+  constexpr int kNames = 40;
+  std::set<std::string> versions = {""};
+  for (int w = 0; w < kWriters; ++w)
+    for (int n = 0; n < kNames; ++n)
+      versions.insert(Version(w, n));
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int w = 0; w < kWriters; ++w) {
+    threads.emplace_back([&, w] {
+      for (int n = 0; n < kNames; ++n) {
+        // Half the writers of each name send nothing, the other half a version.
+        const std::string content = (w + n) % 2 == 0 ? std::string() : Version(w, n);
+        Source source(content);
+        const std::string name = "n" + std::to_string(n);
+        if (!Put(name, &source, static_cast<long long>(content.size())).ok()) ++failures;
+      }
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(failures.load(), 0);
+  for (int n = 0; n < kNames; ++n) {
+    const std::string name = "n" + std::to_string(n);
+    EXPECT_EQ(versions.count(ReadFile(Local(name))), 1u) << name << " holds a mix";
+  }
+  EXPECT_TRUE(Temporaries().empty());
+  EXPECT_EQ(Names(root_).size(), static_cast<size_t>(kNames));
+}
+
 TEST_F(Replace, ConcurrentWritersFromProcessesNeverLeaveAMix) {
   constexpr int kWriters = 3;
   constexpr int kRounds = 10;
