@@ -118,10 +118,9 @@ int Staging::Upload(const std::string& parent, const std::string& name, int fd, 
   ReplaceResult result = ReplaceFile(client_, request);
   if (result.ok()) {
     *record = result.file;
-    // After fsync the staged copy is the only dirty data left behind: start
-    // its writeback now, so that fsync leaves no file-sized heap of dirty
-    // pages for the kernel to flush at an unknown later moment.
-    if (durable) sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+    // The staged copy is not written back: it is an unlinked file whose
+    // pages go at the last close, and writing them to the disk here made
+    // fsync wait for a second file-sized write that nobody reads.
     return 0;
   }
   if (result.out_of_space) return -ENOSPC;
