@@ -4,6 +4,7 @@
 // storage behind it, so nothing here depends on one plug-in's answers.
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
@@ -189,6 +190,46 @@ TEST_P(ContractTest, WriteReadRenameDeleteRoundTrip) {
   EXPECT_TRUE(Names(M("dir")).empty());
   ASSERT_EQ(rmdir(M("dir").c_str()), 0);
   EXPECT_TRUE(Names(mnt_).empty());
+}
+
+TEST_P(ContractTest, WritesThroughAWriteOnlyHandleReachCachedReadersAndMappingsAtOnce) {
+  // Write-only handles bypass the kernel's page cache (the staging file is
+  // the cache): pages other handles hold must still show every write.
+  std::string expected = test_support::Pattern(64 << 10, 3);
+  Spit(M("f"), expected);
+  int reader = open(M("f").c_str(), O_RDONLY);
+  ASSERT_GE(reader, 0);
+  EXPECT_TRUE(ReadFd(reader) == expected) << "the reader's pages are cached now";
+  void* mapped = mmap(nullptr, expected.size(), PROT_READ, MAP_SHARED, reader, 0);
+  ASSERT_NE(mapped, MAP_FAILED);
+  const char* view = static_cast<const char*>(mapped);
+  ASSERT_EQ(view[5000], expected[5000]);
+
+  int writer = open(M("f").c_str(), O_WRONLY);
+  ASSERT_GE(writer, 0);
+  // Neither page- nor request-aligned.
+  const std::string patch = test_support::Pattern(10007, 4);
+  ASSERT_EQ(pwrite(writer, patch.data(), patch.size(), 4093), static_cast<ssize_t>(patch.size()));
+  expected.replace(4093, patch.size(), patch);
+  std::string seen(expected.size(), '\0');
+  ASSERT_EQ(pread(reader, seen.data(), seen.size(), 0), static_cast<ssize_t>(seen.size()));
+  EXPECT_TRUE(seen == expected) << "the reader sees the write before the writer closes";
+  EXPECT_TRUE(std::string(view, expected.size()) == expected) << "and so does the mapping";
+  ASSERT_EQ(close(writer), 0);
+
+  writer = open(M("f").c_str(), O_WRONLY | O_APPEND);
+  ASSERT_GE(writer, 0);
+  ASSERT_EQ(write(writer, "tail", 4), 4);
+  struct stat st {};
+  ASSERT_EQ(fstat(writer, &st), 0);
+  EXPECT_EQ(st.st_size, static_cast<off_t>(expected.size() + 4));
+  ASSERT_EQ(close(writer), 0);
+  expected += "tail";
+  munmap(mapped, expected.size() - 4);
+  ASSERT_EQ(pread(reader, seen.data(), 4, static_cast<off_t>(expected.size() - 4)), 4);
+  EXPECT_EQ(seen.substr(0, 4), "tail");
+  close(reader);
+  EXPECT_TRUE(Slurp(M("f")) == expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(Plugins, ContractTest,
