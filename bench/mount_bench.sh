@@ -150,6 +150,14 @@ base_of() {
   esac
 }
 
+# The words after the first, rotated left by (first - 1).
+rotated() {
+  local shift=$((($1 - 1) % ($# - 1)))
+  shift
+  local words=("$@")
+  echo "${words[@]:shift}" "${words[@]:0:shift}"
+}
+
 # passthrough_ll keeps a descriptor open per inode it has seen.
 ulimit -n "$(ulimit -Hn)" 2>/dev/null || true
 mount_places
@@ -164,7 +172,11 @@ fi
 for entry in "${workloads[@]}"; do
   IFS=: read -r name prepare run mode _ <<<"$entry"
   for i in $(seq "$runs"); do
-    for where in native plughost passthrough; do
+    # The order rotates from run to run, so that no place always follows the
+    # same other one: a run inherits what the one before it left behind (on
+    # this VM, memory freed in the last seconds is quick to take again, and
+    # older free memory has to come back from the host first).
+    for where in $(rotated "$i" native plughost passthrough); do
       base=$(base_of "$where")
       tag=$name.$where.$i
       "$prepare"
