@@ -8,12 +8,13 @@
 #   ls -l of many files, warm and cold;
 #   cat of many 4 KiB files, warm and cold.
 # Each figure is the median of BENCH_RUNS runs that alternate between the
-# three places, each on fresh mounts; ratios compare runs of this one invocation only. Not part of
+# three places in an order that rotates from run to run, each on fresh
+# mounts; ratios compare runs of this one invocation only. Not part of
 # the test suite (it needs minutes and ~3 GiB of disk). Needs root for the
 # cold figures (drop_caches); without it they are warm too, and say so.
 #
 #   bench/mount_bench.sh [PLUGHOST [PLUGIN]]
-# Environment: BENCH_SIZE_MB (1024), BENCH_FILES (10000), BENCH_RUNS (3),
+# Environment: BENCH_SIZE_MB (1024), BENCH_FILES (10000), BENCH_RUNS (5),
 #   BENCH_MOUNT_OPTIONS (extra options for plughost mount), BENCH_ONLY (a
 #   space-separated list of workload names, e.g. "create ls_warm"; all by default).
 set -euo pipefail
@@ -24,7 +25,7 @@ plughost=${1:-$here/build/default/plughost}
 plugin=${2:-$(dirname "$plughost")/liblocaldisk.so}
 size_mb=${BENCH_SIZE_MB:-1024}
 files=${BENCH_FILES:-10000}
-runs=${BENCH_RUNS:-3}
+runs=${BENCH_RUNS:-5}
 read -r -a mount_options <<<"${BENCH_MOUNT_OPTIONS:-}"
 examples=/usr/share/doc/libfuse3-dev/examples
 
