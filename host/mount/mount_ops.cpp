@@ -45,15 +45,6 @@ std::uint64_t FhOf(const fuse_file_info* fi) {
   return fi != nullptr ? fi->fh : 0;
 }
 
-// Write-only handles bypass the kernel's page cache: the staging file is
-// the cache already, and a second copy in the kernel's pages cost a copy
-// and a page per byte written. Such a handle can neither read nor be
-// mapped, and the kernel drops the pages other handles hold for a range
-// written this way, so readers still see every write at once.
-bool WriteOnly(int flags) {
-  return (flags & O_ACCMODE) == O_WRONLY;
-}
-
 // --- operations ---------------------------------------------------------------
 
 void* OpInit(fuse_conn_info* conn, fuse_config* cfg) {
@@ -167,7 +158,7 @@ int OpOpen(const char* path, fuse_file_info* fi) {
     if (error != 0) return error;
     fi->fh = fh;
     fi->keep_cache = keep_cache ? 1 : 0;
-    fi->direct_io = WriteOnly(fi->flags) ? 1 : 0;
+    fi->direct_io = BypassesPageCache(fi->flags, Context()->tuning.writeback_cache) ? 1 : 0;
     return 0;
   });
 }
@@ -178,7 +169,7 @@ int OpCreate(const char* path, mode_t, fuse_file_info* fi) {
     int error = Fs()->Create(path, fi->flags, &fh);
     if (error != 0) return error;
     fi->fh = fh;
-    fi->direct_io = WriteOnly(fi->flags) ? 1 : 0;
+    fi->direct_io = BypassesPageCache(fi->flags, Context()->tuning.writeback_cache) ? 1 : 0;
     return 0;
   });
 }

@@ -1,5 +1,6 @@
 #include "host/mount/mount_support.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -46,6 +47,10 @@ bool KernelChecksModes(const Ownership& owner, bool allow_other, uid_t mounter) 
   const bool full = (owner.file_mode & 0600) == 0600 && (owner.dir_mode & 0700) == 0700;
   const bool exec_agrees = (owner.file_mode & 0111) == 0 || (owner.file_mode & 0100) != 0;
   return !(full && exec_agrees);
+}
+
+bool BypassesPageCache(int flags, bool writeback_cache) {
+  return (flags & O_ACCMODE) == O_WRONLY && !writeback_cache;
 }
 
 namespace {

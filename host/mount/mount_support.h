@@ -39,6 +39,14 @@ struct Ownership {
 // next check has to ask for them again.
 bool KernelChecksModes(const Ownership& owner, bool allow_other, uid_t mounter);
 
+// Whether a handle opened with `flags` bypasses the kernel's page cache
+// (direct_io): a write-only one does, since the staging file holds what it
+// writes already and a second copy in the kernel's pages cost a copy and a
+// page per byte. Such a handle can neither read nor be mapped, and the kernel
+// drops the pages other handles hold for a range written this way. Not with
+// the writeback cache, whose point is that the kernel gathers small writes.
+bool BypassesPageCache(int flags, bool writeback_cache);
+
 // Who asks, for the checks the mount makes itself when the kernel does not.
 struct Caller {
   uid_t uid = 0;

@@ -204,4 +204,38 @@ TEST_F(PosixTest, ListingsShowEveryEntryOnce) {
   EXPECT_TRUE(std::adjacent_find(names.begin(), names.end()) == names.end());
 }
 
+// With --writeback-cache the kernel gathers writes in its own pages, also
+// those of write-only handles, and hands them over at flush and fsync.
+class WritebackCacheTest : public MountTest {
+ protected:
+  void SetUp() override { Mount({"--writeback-cache"}); }
+};
+
+TEST_F(WritebackCacheTest, SmallWritesOfAWriteOnlyHandleArriveWhole) {
+  int fd = open(M("f").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+  ASSERT_GE(fd, 0);
+  std::string expected;
+  for (int i = 0; i < 2000; ++i) {
+    const std::string line = "line " + std::to_string(i) + "\n";
+    ASSERT_EQ(write(fd, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+    expected += line;
+  }
+  ASSERT_EQ(close(fd), 0);
+  EXPECT_EQ(Slurp(R("f")), expected) << "stored whole once close returns";
+  EXPECT_EQ(Slurp(M("f")), expected);
+  EXPECT_EQ(Names(root_), std::vector<std::string>{"f"}) << "no temporary name left";
+}
+
+TEST_F(WritebackCacheTest, PartialWritesAndFsyncKeepTheRest) {
+  Spit(R("f"), "0123456789");
+  int fd = open(M("f").c_str(), O_WRONLY);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(pwrite(fd, "ab", 2, 3), 2);
+  ASSERT_EQ(fsync(fd), 0);
+  EXPECT_EQ(Slurp(R("f")), "012ab56789") << "fsync hands the kernel's pages over first";
+  ASSERT_EQ(pwrite(fd, "!", 1, 10), 1);
+  ASSERT_EQ(close(fd), 0);
+  EXPECT_EQ(Slurp(R("f")), "012ab56789!");
+}
+
 }  // namespace

@@ -1,5 +1,6 @@
 #include "host/mount/mount_support.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -95,6 +96,15 @@ TEST(MountSupport, KernelChecksModesUnlessOnlyTheOwnerCanComeIn) {
   owner.uid = 1000;
   EXPECT_FALSE(KernelChecksModes(owner, false, 0)) << "root passes every mode";
   EXPECT_TRUE(KernelChecksModes(owner, true, 0));
+}
+
+TEST(MountSupport, OnlyWriteOnlyHandlesBypassThePageCacheAndNotWithTheWritebackCache) {
+  using plughost::BypassesPageCache;
+  EXPECT_TRUE(BypassesPageCache(O_WRONLY, false));
+  EXPECT_TRUE(BypassesPageCache(O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, false));
+  EXPECT_FALSE(BypassesPageCache(O_RDWR, false)) << "it may read or be mapped";
+  EXPECT_FALSE(BypassesPageCache(O_RDONLY, false));
+  EXPECT_FALSE(BypassesPageCache(O_WRONLY, true)) << "the kernel gathers small writes";
 }
 
 struct stat Shown(mode_t mode, uid_t uid, gid_t gid) {
