@@ -8,13 +8,13 @@
 #   ls -l of many files, warm and cold;
 #   cat of many 4 KiB files, warm and cold.
 # Each figure is the median of BENCH_RUNS runs that alternate between the
-# three places in an order that rotates from run to run, each on fresh
+# three places in an order that changes from run to run, each on fresh
 # mounts; ratios compare runs of this one invocation only. Not part of
 # the test suite (it needs minutes and ~3 GiB of disk). Needs root for the
 # cold figures (drop_caches); without it they are warm too, and say so.
 #
 #   bench/mount_bench.sh [PLUGHOST [PLUGIN]]
-# Environment: BENCH_SIZE_MB (1024), BENCH_FILES (10000), BENCH_RUNS (5),
+# Environment: BENCH_SIZE_MB (1024), BENCH_FILES (10000), BENCH_RUNS (6),
 #   BENCH_MOUNT_OPTIONS (extra options for plughost mount), BENCH_ONLY (a
 #   space-separated list of workload names, e.g. "create ls_warm"; all by default).
 set -euo pipefail
@@ -25,7 +25,7 @@ plughost=${1:-$here/build/default/plughost}
 plugin=${2:-$(dirname "$plughost")/liblocaldisk.so}
 size_mb=${BENCH_SIZE_MB:-1024}
 files=${BENCH_FILES:-10000}
-runs=${BENCH_RUNS:-5}
+runs=${BENCH_RUNS:-6}
 read -r -a mount_options <<<"${BENCH_MOUNT_OPTIONS:-}"
 examples=/usr/share/doc/libfuse3-dev/examples
 
@@ -151,13 +151,12 @@ base_of() {
   esac
 }
 
-# The words after the first, rotated left by (first - 1).
-rotated() {
-  local shift=$((($1 - 1) % ($# - 1)))
-  shift
-  local words=("$@")
-  echo "${words[@]:shift}" "${words[@]:0:shift}"
-}
+# The six orders of the three places. Run i takes the i-th (cyclically):
+# over six runs each place comes first, and right after each other place,
+# equally often.
+orders=("native plughost passthrough" "passthrough plughost native"
+  "plughost passthrough native" "native passthrough plughost"
+  "passthrough native plughost" "plughost native passthrough")
 
 # passthrough_ll keeps a descriptor open per inode it has seen.
 ulimit -n "$(ulimit -Hn)" 2>/dev/null || true
@@ -173,11 +172,10 @@ fi
 for entry in "${workloads[@]}"; do
   IFS=: read -r name prepare run mode _ <<<"$entry"
   for i in $(seq "$runs"); do
-    # The order rotates from run to run, so that no place always follows the
-    # same other one: a run inherits what the one before it left behind (on
-    # this VM, memory freed in the last seconds is quick to take again, and
-    # older free memory has to come back from the host first).
-    for where in $(rotated "$i" native plughost passthrough); do
+    # The order changes from run to run: a run inherits what the one before
+    # it left behind (on this VM, memory freed in the last seconds is quick
+    # to take again, older free memory has to come back from the host first).
+    for where in ${orders[(i - 1) % 6]}; do
       base=$(base_of "$where")
       tag=$name.$where.$i
       "$prepare"
@@ -203,7 +201,11 @@ for entry in "${workloads[@]}"; do
 done
 
 dump_times() { for k in "${!times[@]}"; do echo "# $k:${times[$k]}"; done | sort; }
-median() { tr ' ' '\n' | grep -v '^$' | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+# The middle value; for an even count the mean of the two middle ones.
+median() {
+  tr ' ' '\n' | grep -v '^$' | sort -g |
+    awk '{ v[NR] = $1 } END { m = int((NR + 1) / 2); printf "%.6f\n", NR % 2 ? v[m] : (v[m] + v[m + 1]) / 2 }'
+}
 # Throughput as a fraction of native: native time / time (higher is better).
 fraction() { awk -v n="$1" -v t="$2" 'BEGIN { printf "%.2f", n / t }'; }
 
