@@ -200,7 +200,8 @@ TEST_P(ContractTest, WritesThroughAWriteOnlyHandleReachCachedReadersAndMappingsA
   int reader = open(M("f").c_str(), O_RDONLY);
   ASSERT_GE(reader, 0);
   EXPECT_TRUE(ReadFd(reader) == expected) << "the reader's pages are cached now";
-  void* mapped = mmap(nullptr, expected.size(), PROT_READ, MAP_SHARED, reader, 0);
+  const std::size_t mapped_size = expected.size();
+  void* mapped = mmap(nullptr, mapped_size, PROT_READ, MAP_SHARED, reader, 0);
   ASSERT_NE(mapped, MAP_FAILED);
   const char* view = static_cast<const char*>(mapped);
   ASSERT_EQ(view[5000], expected[5000]);
@@ -214,7 +215,7 @@ TEST_P(ContractTest, WritesThroughAWriteOnlyHandleReachCachedReadersAndMappingsA
   std::string seen(expected.size(), '\0');
   ASSERT_EQ(pread(reader, seen.data(), seen.size(), 0), static_cast<ssize_t>(seen.size()));
   EXPECT_TRUE(seen == expected) << "the reader sees the write before the writer closes";
-  EXPECT_TRUE(std::string(view, expected.size()) == expected) << "and so does the mapping";
+  EXPECT_TRUE(std::string(view, mapped_size) == expected) << "and so does the mapping";
   ASSERT_EQ(close(writer), 0);
 
   writer = open(M("f").c_str(), O_WRONLY | O_APPEND);
@@ -225,7 +226,7 @@ TEST_P(ContractTest, WritesThroughAWriteOnlyHandleReachCachedReadersAndMappingsA
   EXPECT_EQ(st.st_size, static_cast<off_t>(expected.size() + 4));
   ASSERT_EQ(close(writer), 0);
   expected += "tail";
-  munmap(mapped, expected.size() - 4);
+  munmap(mapped, mapped_size);
   ASSERT_EQ(pread(reader, seen.data(), 4, static_cast<off_t>(expected.size() - 4)), 4);
   EXPECT_EQ(seen.substr(0, 4), "tail");
   close(reader);
