@@ -45,10 +45,18 @@ std::uint64_t FhOf(const fuse_file_info* fi) {
   return fi != nullptr ? fi->fh : 0;
 }
 
+// Whether a new handle bypasses the page cache (BypassesPageCache), on a
+// kernel that keeps the other handles' pages right when it does.
+unsigned DirectIo(int flags) {
+  const KernelTuning& tuning = Context()->tuning;
+  return tuning.direct_writes_coherent && BypassesPageCache(flags, tuning.writeback_cache) ? 1 : 0;
+}
+
 // --- operations ---------------------------------------------------------------
 
 void* OpInit(fuse_conn_info* conn, fuse_config* cfg) {
-  const KernelTuning& tuning = Context()->tuning;
+  KernelTuning& tuning = Context()->tuning;
+  tuning.direct_writes_coherent = KernelDropsPagesOnDirectWrites(conn->proto_minor);
   conn->max_read = tuning.transfer_size;
   conn->max_write = tuning.transfer_size;
   conn->max_readahead = tuning.transfer_size;
@@ -158,7 +166,7 @@ int OpOpen(const char* path, fuse_file_info* fi) {
     if (error != 0) return error;
     fi->fh = fh;
     fi->keep_cache = keep_cache ? 1 : 0;
-    fi->direct_io = BypassesPageCache(fi->flags, Context()->tuning.writeback_cache) ? 1 : 0;
+    fi->direct_io = DirectIo(fi->flags);
     return 0;
   });
 }
@@ -169,7 +177,7 @@ int OpCreate(const char* path, mode_t, fuse_file_info* fi) {
     int error = Fs()->Create(path, fi->flags, &fh);
     if (error != 0) return error;
     fi->fh = fh;
-    fi->direct_io = BypassesPageCache(fi->flags, Context()->tuning.writeback_cache) ? 1 : 0;
+    fi->direct_io = DirectIo(fi->flags);
     return 0;
   });
 }

@@ -11,9 +11,10 @@ class MountFs;
 // How long the kernel may trust what it was told, and whether it caches
 // written pages itself.
 struct KernelTuning {
-  double attr_timeout = 10.0;         // attributes and entries
-  unsigned transfer_size = 1u << 20;  // max_read, max_write, readahead
-  bool writeback_cache = false;       // the kernel gathers writes into pages
+  double attr_timeout = 10.0;           // attributes and entries
+  unsigned transfer_size = 1u << 20;    // max_read, max_write, readahead
+  bool writeback_cache = false;         // the kernel gathers writes into pages
+  bool direct_writes_coherent = false;  // set at init: KernelDropsPagesOnDirectWrites
 };
 
 // What fuse_new receives as its private data: init hands it on.

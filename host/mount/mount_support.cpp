@@ -53,6 +53,10 @@ bool BypassesPageCache(int flags, bool writeback_cache) {
   return (flags & O_ACCMODE) == O_WRONLY && !writeback_cache;
 }
 
+bool KernelDropsPagesOnDirectWrites(unsigned proto_minor) {
+  return proto_minor >= 39;
+}
+
 namespace {
 
 bool InGroup(gid_t gid, const Caller& caller) {

@@ -47,6 +47,12 @@ bool KernelChecksModes(const Ownership& owner, bool allow_other, uid_t mounter);
 // the writeback cache, whose point is that the kernel gathers small writes.
 bool BypassesPageCache(int flags, bool writeback_cache);
 
+// Whether the kernel, speaking FUSE protocol 7.`proto_minor`, drops the pages
+// other handles hold for a range written by a handle that bypasses the page
+// cache. From 7.39 (Linux 6.6) it does; before, cached readers and mappings
+// would keep the old bytes, so no handle bypasses the cache there.
+bool KernelDropsPagesOnDirectWrites(unsigned proto_minor);
+
 // Who asks, for the checks the mount makes itself when the kernel does not.
 struct Caller {
   uid_t uid = 0;

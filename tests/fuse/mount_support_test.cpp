@@ -107,6 +107,14 @@ TEST(MountSupport, OnlyWriteOnlyHandlesBypassThePageCacheAndNotWithTheWritebackC
   EXPECT_FALSE(BypassesPageCache(O_WRONLY, true)) << "the kernel gathers small writes";
 }
 
+TEST(MountSupport, OnlyKernelsThatDropCachedPagesOnDirectWritesGetThem) {
+  using plughost::KernelDropsPagesOnDirectWrites;
+  EXPECT_FALSE(KernelDropsPagesOnDirectWrites(31)) << "Linux 5.x: readers would see old bytes";
+  EXPECT_FALSE(KernelDropsPagesOnDirectWrites(38)) << "Linux 6.1 to 6.5";
+  EXPECT_TRUE(KernelDropsPagesOnDirectWrites(39)) << "Linux 6.6";
+  EXPECT_TRUE(KernelDropsPagesOnDirectWrites(45));
+}
+
 struct stat Shown(mode_t mode, uid_t uid, gid_t gid) {
   struct stat st {};
   st.st_mode = mode;
