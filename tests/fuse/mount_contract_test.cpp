@@ -233,6 +233,24 @@ TEST_P(ContractTest, WritesThroughAWriteOnlyHandleReachCachedReadersAndMappingsA
   EXPECT_TRUE(Slurp(M("f")) == expected);
 }
 
+TEST_P(ContractTest, FsyncSucceedsOnNewChangedAndUnchangedFiles) {
+  // Whatever the plug-in's storage is: a root directory given to a plug-in
+  // that does not serve it must not make fsync sync (and fail on) local paths.
+  int fd = open(M("synced").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(write(fd, "hello", 5), 5);
+  EXPECT_EQ(fsync(fd), 0) << "new: " << std::strerror(errno);
+  EXPECT_EQ(fsync(fd), 0) << "unchanged since: " << std::strerror(errno);
+  ASSERT_EQ(pwrite(fd, "J", 1, 0), 1);
+  EXPECT_EQ(fdatasync(fd), 0) << "changed: " << std::strerror(errno);
+  ASSERT_EQ(close(fd), 0);
+  fd = open(M("synced").c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(fsync(fd), 0) << "read-only: " << std::strerror(errno);
+  close(fd);
+  EXPECT_EQ(Slurp(M("synced")), "Jello");
+}
+
 INSTANTIATE_TEST_SUITE_P(Plugins, ContractTest,
                          ::testing::Values(PluginUnderTest{"localdisk", LD_PLUGIN_PATH},
                                            PluginUnderTest{"memory", MEMORY_PLUGIN_PATH}),
