@@ -103,6 +103,7 @@ int MountFs::StageEmpty(OpenNode& node) {
   if (error == 0 && node.size.load() != 0) {
     if (ftruncate(node.fd, 0) != 0) error = -errno;
     node.size.store(0);
+    WriteBehind::Cut(node.behind, 0);
   }
   if (error == 0) {
     node.dirty.store(true);
@@ -127,7 +128,7 @@ int MountFs::UploadLocked(OpenNode& node, bool durable) {
   }
   _FS_FILE_V2 record;
   int error = staging_.Upload(Protocol(DirName(relative)), BaseName(relative), node.fd,
-                              node.size.load(), durable, &record);
+                              node.size.load(), durable, &node.behind, &record);
   if (error != 0) return error;
   node.dirty.store(false);
   node.pending.store(false);
@@ -246,7 +247,10 @@ long long MountFs::Write(std::uint64_t fh, const char* buffer, std::size_t size,
   error = PwriteAll(node.fd, buffer, size, offset);
   if (error != 0) return error;
   long long end = static_cast<long long>(offset) + static_cast<long long>(size);
-  if (end > node.size.load()) node.size.store(end);
+  if (end > node.size.load()) {
+    node.size.store(end);
+    write_behind_.Appended(held, node.fd, node.behind, end);
+  }
   node.written.store(time(nullptr));
   node.dirty.store(true);
   return static_cast<long long>(size);
@@ -277,6 +281,7 @@ int MountFs::Truncate(const char* path, std::uint64_t fh, off_t size) {
     error = Stage(*node, size);
     if (error == 0 && ftruncate(node->fd, size) != 0) error = -errno;
     if (error == 0) {
+      WriteBehind::Cut(node->behind, size);
       node->size.store(size);
       node->written.store(time(nullptr));
       node->dirty.store(true);

@@ -126,6 +126,8 @@ class MountFs {
 
   // Number of files currently open (for tests and diagnostics).
   std::size_t OpenNodes() const;
+  // Waits until the staged data queued for the disk is there (for tests).
+  void WaitForWriteBehind() { write_behind_.Drain(); }
 
  private:
   std::string Protocol(const std::string& relative) const;
@@ -185,6 +187,8 @@ class MountFs {
   std::unique_ptr<BeneathChecker> beneath_;  // null when the plug-in serves no local root
   OpenFiles open_;
   CacheStamps stamps_;
+  // Last: its thread stops before the open files go.
+  WriteBehind write_behind_;
 };
 
 }  // namespace plughost

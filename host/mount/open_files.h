@@ -20,6 +20,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include "host/mount/write_behind.h"
+
 namespace plughost {
 
 struct ReadAhead;
@@ -47,6 +49,9 @@ struct OpenNode {
   std::atomic<bool> has_pending_times{false};
   std::atomic<time_t> pending_access{0};
   std::atomic<time_t> pending_modify{0};
+
+  // Write-behind of the staging file (write_behind.h).
+  WriteBehindState behind;
 
   // Sequential reads of an unstaged file (read_ahead.h); guarded by `lock`.
   std::unique_ptr<ReadAhead> read_ahead;

@@ -94,17 +94,28 @@ int Staging::Fill(const std::string& path, long long want, int fd, long long* si
 }
 
 int Staging::Upload(const std::string& parent, const std::string& name, int fd, long long size,
-                    bool durable, _FS_FILE_V2* record) {
-  CacheAdapter cache([fd, size](long long offset, char* buffer, long long capacity) {
-    long long want = std::min(capacity, size - offset);
-    if (want <= 0) return 0LL;
-    std::size_t done = 0;
-    if (PreadAll(fd, buffer, static_cast<std::size_t>(want), offset, &done) != 0 || done == 0) {
-      // A failed or empty read would otherwise make the upload spin.
-      return -1LL;
-    }
-    return static_cast<long long>(done);
-  });
+                    bool durable, const WriteBehindState* behind, _FS_FILE_V2* record) {
+  long long dropped = 0;
+  CacheAdapter cache(
+      [fd, size, behind, &dropped](long long offset, char* buffer, long long capacity) {
+        long long want = std::min(capacity, size - offset);
+        if (want <= 0) return 0LL;
+        if (behind != nullptr) {
+          // What the plug-in has taken and the disk already holds: the stored
+          // file's new pages can have its memory.
+          long long clean = std::min(offset, behind->clean.load());
+          if (clean - dropped >= WriteBehind::kStep) {
+            DropCleanPages(fd, dropped, clean);
+            dropped = clean;
+          }
+        }
+        std::size_t done = 0;
+        if (PreadAll(fd, buffer, static_cast<std::size_t>(want), offset, &done) != 0 || done == 0) {
+          // A failed or empty read would otherwise make the upload spin.
+          return -1LL;
+        }
+        return static_cast<long long>(done);
+      });
   ReplaceRequest request;
   request.parent = parent;
   request.name = name;

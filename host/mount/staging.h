@@ -9,6 +9,7 @@
 #include <string>
 
 #include "host/core/client.h"
+#include "host/mount/write_behind.h"
 #include "protocol/contract.h"
 
 namespace plughost {
@@ -32,10 +33,11 @@ class Staging {
   // `*record` is the record of the new file. With `durable` and a local
   // root, the new file is synced before the move and its directory after,
   // so that a crash leaves the old or the new content under `name`, never
-  // an empty or short file. 0 or a negative errno (ENOSPC when the local
-  // root has no room for it).
+  // an empty or short file. With `behind`, the clean pages of `fd` that
+  // the upload has passed are dropped (write_behind.h). 0 or a negative
+  // errno (ENOSPC when the local root has no room for it).
   int Upload(const std::string& parent, const std::string& name, int fd, long long size,
-             bool durable, _FS_FILE_V2* record);
+             bool durable, const WriteBehindState* behind, _FS_FILE_V2* record);
 
   // Makes a file uploaded earlier and its directory entry durable. Only
   // possible for a local root; for other plug-ins durability is theirs.

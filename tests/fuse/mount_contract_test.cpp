@@ -251,6 +251,38 @@ TEST_P(ContractTest, FsyncSucceedsOnNewChangedAndUnchangedFiles) {
   EXPECT_EQ(Slurp(M("synced")), "Jello");
 }
 
+TEST_P(ContractTest, ALargeStreamingWriteSyncedAndChangedHalfwayKeepsEveryByte) {
+  // Past the size from which staged data is handed to the disk early and
+  // dropped from memory behind each upload: what comes back must be whole.
+  std::string expected = test_support::Pattern((72 << 20) + 4099, 5);
+  const std::size_t half = 40 << 20;
+  int writer = open(M("stream").c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0644);
+  ASSERT_GE(writer, 0);
+  ASSERT_TRUE(WriteFd(writer, expected.substr(0, half), 1 << 20));
+  ASSERT_EQ(fsync(writer), 0) << std::strerror(errno);
+  ASSERT_TRUE(WriteFd(writer, expected.substr(half), 1 << 20));
+  ASSERT_EQ(close(writer), 0);
+  EXPECT_TRUE(Slurp(M("stream")) == expected);
+
+  // A read-write handle changes the start, reads it back before its close,
+  // and grows the file.
+  int editor = open(M("stream").c_str(), O_RDWR);
+  ASSERT_GE(editor, 0);
+  const std::string patch = test_support::Pattern((3 << 20) + 7, 6);
+  ASSERT_EQ(pwrite(editor, patch.data(), patch.size(), 4097), static_cast<ssize_t>(patch.size()));
+  expected.replace(4097, patch.size(), patch);
+  ASSERT_EQ(fsync(editor), 0);
+  std::string seen(16 << 20, '\0');
+  ASSERT_EQ(pread(editor, seen.data(), seen.size(), 0), static_cast<ssize_t>(seen.size()));
+  EXPECT_TRUE(seen == expected.substr(0, seen.size()));
+  const std::string tail = test_support::Pattern(9 << 20, 8);
+  ASSERT_EQ(pwrite(editor, tail.data(), tail.size(), static_cast<off_t>(expected.size())),
+            static_cast<ssize_t>(tail.size()));
+  expected += tail;
+  ASSERT_EQ(close(editor), 0);
+  EXPECT_TRUE(Slurp(M("stream")) == expected);
+}
+
 INSTANTIATE_TEST_SUITE_P(Plugins, ContractTest,
                          ::testing::Values(PluginUnderTest{"localdisk", LD_PLUGIN_PATH},
                                            PluginUnderTest{"memory", MEMORY_PLUGIN_PATH}),

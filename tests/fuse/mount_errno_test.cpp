@@ -6,7 +6,6 @@
 #include <spawn.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -27,6 +26,7 @@
 
 #include "host/mount/mount_support.h"
 #include "tests/fuse/mount_fixture.h"
+#include "tests/support/page_cache.h"
 
 extern char** environ;
 
@@ -141,35 +141,13 @@ TEST_F(MountTest, WrittenDataIsReadBackBeforeAndAfterClose) {
   EXPECT_EQ(Slurp(root_ + "/w"), "0123456789");
 }
 
-// Page-cache state of a file (Linux 6.5+, cachestat); false when the kernel
-// cannot tell.
-struct PageState {
-  unsigned long long cached = 0, dirty = 0, writeback = 0;
-};
-
-bool PageStateOf(const std::string& path, PageState* state) {
-  struct {
-    unsigned long long offset = 0, length = 0;  // 0: to the end
-  } range;
-  struct {
-    unsigned long long cache, dirty, writeback, evicted, recently_evicted;
-  } stat{};
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  constexpr long kCachestat = 451;  // the same number on every architecture
-  long result = syscall(kCachestat, fd, &range, &stat, 0);
-  close(fd);
-  if (result != 0) return false;
-  state->cached = stat.cache;
-  state->dirty = stat.dirty;
-  state->writeback = stat.writeback;
-  return true;
-}
+using test_support::PageCacheOf;
+using PageState = test_support::PageCacheState;
 
 TEST_F(MountTest, FsyncMakesTheDataDurable) {
   Spit(work_ + "/probe", "x");
   PageState probe;
-  if (!PageStateOf(work_ + "/probe", &probe)) {
+  if (!PageCacheOf(work_ + "/probe", &probe)) {
     GTEST_SKIP() << "the kernel cannot report dirty pages (cachestat): " << std::strerror(errno);
   }
   std::string data(32 << 20, '\0');
@@ -181,7 +159,7 @@ TEST_F(MountTest, FsyncMakesTheDataDurable) {
   ASSERT_EQ(fsync(fd), 0);
   // Checked while the file is still open: no close has uploaded it since.
   PageState state;
-  ASSERT_TRUE(PageStateOf(root_ + "/synced", &state));
+  ASSERT_TRUE(PageCacheOf(root_ + "/synced", &state));
   EXPECT_EQ(state.dirty, 0u) << "pages of the root's file still dirty after fsync";
   EXPECT_EQ(state.writeback, 0u);
   EXPECT_TRUE(Slurp(root_ + "/synced") == data);
@@ -192,7 +170,7 @@ TEST_F(MountTest, FsyncMakesTheDataDurable) {
   ASSERT_GE(fd, 0);
   ASSERT_EQ(write(fd, data.data(), data.size()), static_cast<ssize_t>(data.size()));
   EXPECT_EQ(close(fd), 0);
-  if (PageStateOf(root_ + "/unsynced", &state)) {
+  if (PageCacheOf(root_ + "/unsynced", &state)) {
     std::printf("without fsync: %llu of %llu cached pages dirty\n", state.dirty, state.cached);
   }
 }

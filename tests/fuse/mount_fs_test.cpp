@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -26,6 +27,7 @@
 #include "host/core/client.h"
 #include "host/core/plugin.h"
 #include "tests/support/files.h"
+#include "tests/support/page_cache.h"
 #include "tests/support/time_zone.h"
 
 namespace {
@@ -672,6 +674,76 @@ TEST_F(MountFsTest, ShutdownKeepsWhatItCannotUpload) {
   ASSERT_FALSE(report.failed[0].second.empty());
   EXPECT_EQ(report.failed[0].second.rfind(cache_ + "/", 0), 0u) << report.failed[0].second;
   EXPECT_EQ(Slurp(report.failed[0].second), "precious");
+}
+
+// The descriptor of the one staging file open in this process, or -1.
+int StagingDescriptor(const std::string& cache) {
+  for (const fs::directory_entry& entry : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code ignored;
+    fs::path target = fs::read_symlink(entry.path(), ignored);
+    if (target.string().rfind(cache + "/", 0) == 0) {
+      return std::atoi(entry.path().filename().c_str());
+    }
+  }
+  return -1;
+}
+
+TEST_F(MountFsTest, ALargeWriteLosesNoByteWhenItsStagedPagesGoBehindTheUpload) {
+  fs::create_directory(Root("d"));
+  std::uint64_t fh = 0;
+  ASSERT_EQ(mount_->Create("/d/f", O_WRONLY | O_CREAT, &fh), 0);
+  std::string data((72 << 20) + 100, '\0');
+  for (std::size_t i = 0; i < data.size(); ++i)
+    data[i] = static_cast<char>(i * 13 + (i >> 16));
+  constexpr std::size_t kPiece = 1 << 20;
+  for (std::size_t at = 0; at < data.size(); at += kPiece) {
+    std::size_t n = std::min(kPiece, data.size() - at);
+    ASSERT_EQ(mount_->Write(fh, data.data() + at, n, static_cast<off_t>(at)),
+              static_cast<long long>(n));
+  }
+  mount_->WaitForWriteBehind();
+  ASSERT_EQ(mount_->Flush(fh), 0);
+  EXPECT_TRUE(Slurp(Root("d/f")) == data);
+
+  // The staged copy still reads whole, part of it now from the disk.
+  std::uint64_t reader = OpenOk("/d/f", O_RDONLY);
+  EXPECT_TRUE(ReadAll(reader) == data);
+  // A change inside the part whose pages went, then an upload that fails:
+  // the copy kept at the end holds every byte.
+  const std::string change(3 << 20, 'x');
+  ASSERT_EQ(mount_->Write(fh, change.data(), change.size(), 20 << 20),
+            static_cast<long long>(change.size()));
+  data.replace(20 << 20, change.size(), change);
+  fs::remove_all(Root("d"));
+  EXPECT_EQ(mount_->Flush(fh), -ENOENT);
+  plughost::ShutdownReport report = mount_->Shutdown();
+  ASSERT_EQ(report.failed.size(), 1u);
+  ASSERT_FALSE(report.failed[0].second.empty());
+  EXPECT_TRUE(Slurp(report.failed[0].second) == data);
+}
+
+TEST_F(MountFsTest, TheUploadOfALargeWriteDropsTheStagedPagesBehindIt) {
+  std::uint64_t fh = 0;
+  ASSERT_EQ(mount_->Create("/big", O_WRONLY | O_CREAT, &fh), 0);
+  const std::string piece(1 << 20, 'b');
+  for (int i = 0; i < 64; ++i) {
+    ASSERT_EQ(mount_->Write(fh, piece.data(), piece.size(), static_cast<off_t>(i) << 20),
+              static_cast<long long>(piece.size()));
+  }
+  int staged = StagingDescriptor(cache_);
+  ASSERT_GE(staged, 0);
+  test_support::PageCacheState pages;
+  if (!test_support::PageCacheOf(staged, &pages)) {
+    GTEST_SKIP() << "the kernel cannot report cached pages (cachestat): " << std::strerror(errno);
+  }
+  const unsigned long long before = pages.cached;
+  mount_->WaitForWriteBehind();
+  ASSERT_EQ(mount_->Flush(fh), 0);
+  ASSERT_TRUE(test_support::PageCacheOf(staged, &pages));
+  // All but the last step, which the upload had not passed when it dropped.
+  EXPECT_LT(pages.cached, before / 4) << "of " << before << " pages";
+  EXPECT_EQ(fs::file_size(Root("big")), 64u << 20);
+  EXPECT_EQ(mount_->Release(fh), 0);
 }
 
 TEST_F(MountFsTest, FsyncMakesTheUploadDurable) {
