@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <system_error>
 
 namespace plughost {
 
@@ -26,8 +27,15 @@ void WriteBehind::Appended(const std::shared_ptr<const void>& owner, int fd,
   {
     std::lock_guard<std::mutex> guard(lock_);
     if (stop_) return;
+    if (!thread_.joinable()) {
+      try {
+        thread_ = std::thread([this] { Run(); });
+      } catch (const std::system_error&) {
+        // No thread to spare: the staged copy just stays in memory.
+        return;
+      }
+    }
     queue_.push_back(std::move(stretch));
-    if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
   }
   wake_.notify_one();
 }
