@@ -22,8 +22,6 @@ void WriteBehind::Appended(const std::shared_ptr<const void>& owner, int fd,
   if (end < kFrom) return;
   long long to = end / kStep * kStep;
   if (to <= state.queued) return;
-  Stretch stretch{owner, fd, &state, state.queued, to};
-  state.queued = to;
   {
     std::lock_guard<std::mutex> guard(lock_);
     if (stop_) return;
@@ -35,8 +33,9 @@ void WriteBehind::Appended(const std::shared_ptr<const void>& owner, int fd,
         return;
       }
     }
-    queue_.push_back(std::move(stretch));
+    queue_.push_back(Stretch{owner, fd, &state, state.queued, to});
   }
+  state.queued = to;
   wake_.notify_one();
 }
 

@@ -1,7 +1,7 @@
 // Write-behind of staged data. A writer that keeps appending to a large
 // staging file has each completed stretch handed to the disk by a background
 // thread, so that by the upload those pages are clean and the upload can drop
-// them from memory right behind itself (DropBehind). A large write then holds
+// them from memory right behind itself (DropCleanPages). A large write then holds
 // about one copy of itself in the page cache (the stored file's) instead of
 // two, and the stored file's new pages can take the staged copy's as they go.
 // The writer never waits for the disk: on a slow one the thread falls behind
@@ -29,7 +29,7 @@ struct WriteBehindState {
 
 class WriteBehind {
  public:
-  // Staging files below this size never reach the disk.
+  // Staging files below this size are not handed to the disk early.
   static constexpr long long kFrom = 32LL << 20;
   // The stretch handed to the disk at a time.
   static constexpr long long kStep = 8LL << 20;
@@ -51,7 +51,8 @@ class WriteBehind {
   // owner's lock held.
   static void Cut(WriteBehindState& state, long long size);
 
-  // Waits until everything queued so far is on the disk.
+  // Waits until the thread has handed over all that was queued, and waited
+  // for the last of it (for tests).
   void Drain();
 
  private:
