@@ -2,6 +2,8 @@
 #pragma once
 
 #include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/statfs.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -30,6 +32,13 @@ inline bool PageCacheOf(int fd, PageCacheState* state, unsigned long long offset
   state->dirty = stat.dirty;
   state->writeback = stat.writeback;
   return true;
+}
+
+// Whether `dir` is in memory (tmpfs): its pages are never clean, so none
+// can be dropped.
+inline bool InMemory(const std::string& dir) {
+  struct statfs where {};
+  return statfs(dir.c_str(), &where) == 0 && where.f_type == TMPFS_MAGIC;
 }
 
 // The same for the file at `path`.
