@@ -6,7 +6,6 @@
 // copied onto itself is refused, as cp does. `cleanup` finds and removes the
 // temporary files that a killed transfer leaves.
 #include <fcntl.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,20 +34,6 @@ std::shared_ptr<_FS_HANDLE> HandleFor(ProgressBar& bar) {
   handle->progress = ProgressBar::Callback;
   handle->progress_context = bar.context();
   return handle;
-}
-
-// The local directory the plug-in serves, "" when its paths are not local:
-// the "root_path" given last (-o root_path=... overrides --root).
-std::string LocalRoot(Invocation& run) {
-  std::string root_path;
-  try {
-    root_path = ResolveRoot(run.options.root);
-    for (const auto& [key, value] : ParsePluginOptions(run.options.plugin_options))
-      if (strcasecmp(key.c_str(), "root_path") == 0) root_path = value;
-  } catch (const std::exception&) {
-    return {};
-  }
-  return LocalRootFor(run.session.root_id(), root_path);
 }
 
 // The local path of a relative storage path, "" when the storage is not local.
@@ -101,7 +86,7 @@ int Get(Invocation& run, GetArgs& args) {
     local = (std::filesystem::path(local) / name).string();
   }
   std::string display = DisplayPath(relative);
-  if (SameLocalFile(LocalPathOf(LocalRoot(run), relative), local)) {
+  if (SameLocalFile(LocalPathOf(run.session.served_root(), relative), local)) {
     throw Failure(
         "get: '" + run.name(display) + "' and '" + run.name(local) + "' are the same file", EINVAL);
   }
@@ -197,7 +182,7 @@ int Put(Invocation& run, const PutArgs& args) {
   std::string display = DisplayPath(target);
   Context context{"put", display};
   run.paths().CheckLinks(target, context);
-  const std::string local_root = LocalRoot(run);
+  const std::string& local_root = run.session.served_root();
   if (args.local != "-" && SameLocalFile(args.local, LocalPathOf(local_root, target))) {
     throw Failure(
         "put: '" + run.name(args.local) + "' and '" + run.name(display) + "' are the same file",

@@ -1,5 +1,6 @@
 #include "host/core/session.h"
 
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +12,7 @@
 #include <system_error>
 
 #include "host/core/errors.h"
+#include "host/core/transfer.h"
 
 #ifndef PLUGHOST_LIBDIR_FROM_BINDIR
 #define PLUGHOST_LIBDIR_FROM_BINDIR "../lib"
@@ -105,6 +107,12 @@ std::unique_ptr<Session> Session::Open(const SessionOptions& options) {
     session->local_root_ = root_id;
   }
   session->paths_ = PathMapper(root_id, session->local_root_, options.no_follow_links);
+  // The "root_path" the plug-in got last: -o root_path=... overrides --root.
+  std::string root_path = root;
+  for (const auto& [key, value] : settings) {
+    if (strcasecmp(key.c_str(), "root_path") == 0) root_path = value;
+  }
+  session->served_root_ = LocalRootFor(root_id, root_path);
   return session;
 }
 

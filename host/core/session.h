@@ -49,6 +49,12 @@ class Session {
   const Plugin& plugin() const noexcept { return plugin_; }
   const PathMapper& paths() const noexcept { return paths_; }
   const std::string& root_id() const noexcept { return paths_.root_id(); }
+  // The local directory the plug-in serves: the root's identifier when it is
+  // the directory given as "root_path" (LocalRootFor, transfer.h); "" when
+  // the plug-in's paths are not local files. Unlike the root that paths and
+  // confinement use, never a guess: another plug-in may take a root_path
+  // without serving it.
+  const std::string& served_root() const noexcept { return served_root_; }
 
   // Restricts the process to the storage root plus the local paths given
   // (Confine, confine.h) and remembers how. Call once, single-threaded, after
@@ -68,6 +74,7 @@ class Session {
   std::unique_ptr<Client> client_;
   PathMapper paths_;
   std::string local_root_;  // the root's directory here; the root's identifier when not set
+  std::string served_root_;
   std::optional<ConfineResult> confinement_;
   bool logger_bound_ = false;
 };

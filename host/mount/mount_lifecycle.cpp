@@ -8,7 +8,6 @@
 #include <fuse3/fuse.h>
 #include <fuse3/fuse_lowlevel.h>
 #include <signal.h>
-#include <strings.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -30,7 +29,6 @@
 #include "host/core/file_time.h"
 #include "host/core/plugin.h"
 #include "host/core/session.h"
-#include "host/core/transfer.h"
 #include "host/mount/mount_fs.h"
 #include "host/mount/mount_ops.h"
 #include "host/mount/mount_support.h"
@@ -219,7 +217,6 @@ int Serve(const MountOptions& options) {
   session_options.plugin_options = options.plugin_options;
   session_options.logger = log.get();
   std::unique_ptr<Session> session = Session::Open(session_options);
-  const std::string root = options.root.empty() ? std::string() : ResolveRoot(options.root);
   Client& client = session->client();
   const std::string root_id = session->root_id();
   _FS_FILE_V2 top = client.Info(root_id, Context{"mount", root_id});
@@ -237,14 +234,9 @@ int Serve(const MountOptions& options) {
   mount_settings.owner = OwnershipOf(options);
   mount_settings.strict_modes = options.strict_modes;
   mount_settings.sync_on_close = options.sync_on_close;
-  // Local only when the plug-in's root is that directory: another plug-in
-  // may take --root without serving it, and fsync would then sync (and
-  // fail on) local paths that are not the files.
-  std::string root_path = root;
-  for (const auto& [key, value] : ParsePluginOptions(options.plugin_options)) {
-    if (strcasecmp(key.c_str(), "root_path") == 0) root_path = value;
-  }
-  mount_settings.local_root = LocalRootFor(root_id, root_path);
+  // Not --root itself: another plug-in may take it without serving it, and
+  // fsync would then sync (and fail on) local paths that are not the files.
+  mount_settings.local_root = session->served_root();
   mount_settings.dir_cache_time = options.dir_cache_time;
   mount_settings.kernel_checks_modes =
       KernelChecksModes(mount_settings.owner, options.allow_other, getuid());

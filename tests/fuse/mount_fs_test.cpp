@@ -722,6 +722,45 @@ TEST_F(MountFsTest, ALargeWriteLosesNoByteWhenItsStagedPagesGoBehindTheUpload) {
   EXPECT_TRUE(Slurp(report.failed[0].second) == data);
 }
 
+TEST_F(MountFsTest, CutsWhileStagedDataIsOnItsWayToTheDiskKeepEveryByte) {
+  // Each cut comes right after writes whose stretches may still be queued
+  // or being written back; what is uploaded must be what was written last.
+  auto pattern = [](std::size_t size, int seed) {
+    std::string data(size, '\0');
+    for (std::size_t i = 0; i < size; ++i)
+      data[i] = static_cast<char>(i * seed + (i >> 15));
+    return data;
+  };
+  auto write_all = [&](std::uint64_t fh, const std::string& data, std::size_t at) {
+    for (std::size_t done = 0; done < data.size(); done += 1 << 20) {
+      std::size_t n = std::min<std::size_t>(1 << 20, data.size() - done);
+      ASSERT_EQ(mount_->Write(fh, data.data() + done, n, static_cast<off_t>(at + done)),
+                static_cast<long long>(n));
+    }
+  };
+  std::uint64_t fh = 0;
+  ASSERT_EQ(mount_->Create("/f", O_WRONLY | O_CREAT, &fh), 0);
+  std::string expected = pattern(48 << 20, 3);
+  ASSERT_NO_FATAL_FAILURE(write_all(fh, expected, 0));
+  const std::size_t cut = (20 << 20) + 3;
+  ASSERT_EQ(mount_->Truncate("/f", fh, static_cast<off_t>(cut)), 0);
+  expected.resize(cut);
+  const std::string more = pattern(40 << 20, 5);
+  ASSERT_NO_FATAL_FAILURE(write_all(fh, more, cut));
+  expected += more;
+  ASSERT_EQ(mount_->Flush(fh), 0);
+  EXPECT_TRUE(Slurp(Root("f")) == expected);
+
+  // Emptied by a truncating open of a second handle, then written again.
+  std::uint64_t again = OpenOk("/f", O_WRONLY | O_TRUNC);
+  expected = pattern(36 << 20, 7);
+  ASSERT_NO_FATAL_FAILURE(write_all(again, expected, 0));
+  ASSERT_EQ(mount_->Release(again), 0);
+  EXPECT_TRUE(Slurp(Root("f")) == expected);
+  ASSERT_EQ(mount_->Release(fh), 0);
+  EXPECT_TRUE(Slurp(Root("f")) == expected);
+}
+
 TEST_F(MountFsTest, TheUploadOfALargeWriteDropsTheStagedPagesBehindIt) {
   if (test_support::InMemory(cache_)) {
     GTEST_SKIP() << "the cache directory is in memory (tmpfs): its pages cannot be dropped";

@@ -68,6 +68,19 @@ TEST(Session, OpensOnTheCanonicalRootAndSetsOptionsInOrder) {
   EXPECT_EQ(session->paths().Protocol("a/b"), dir.path() + "/a/b");
 }
 
+TEST(Session, ServesALocalDirectoryOnlyWhenThePluginsRootIsIt) {
+  test_support::TempDir dir, other;
+  EXPECT_EQ(OpenOn(dir.path())->served_root(), dir.path());
+  EXPECT_EQ(OpenOn(dir.path(), {"root_path=" + other.path()})->served_root(), other.path())
+      << "the root_path option comes last";
+  EXPECT_EQ(OpenOn("")->served_root(), "") << "no directory given: nothing to compare with";
+  // A plug-in that takes the option without serving the directory.
+  SessionOptions setup;
+  setup.plugin = MEMORY_PLUGIN;
+  setup.root = dir.path();
+  EXPECT_EQ(Session::Open(setup)->served_root(), "");
+}
+
 TEST(Session, MistakesOfTheUserAreUsageErrorsBeforeAnythingLoads) {
   test_support::TempDir dir;
   test_support::WriteFile(dir / "file", "");
